@@ -1,0 +1,8 @@
+#include "framework/base/identity.h"
+
+std::optional<std::string> QVK_Framework_ApplicationName;
+const char* QVK_Framework_Project_Name = "Launcher";
+const char* QVK_Framework_Project_Name_Application = "Launcher";
+const char* QVK_Framework_Project_Name_Bundle = "Launcher";
+std::optional<std::string> QVK_Framework_Project_Identifier;
+const char* QVK_Framework_BuildID_App = nullptr;

@@ -1,0 +1,53 @@
+// The Launcher: loads the package's drivers, watches for its modems and the application's fate,
+// and removes the package on request.
+#include <unistd.h>
+
+#include <cstdint>
+#include <cstring>
+
+#include "framework/base/build_definitions.h"
+#include "framework/base/global_mutex.h"
+#include "framework/base/identity.h"
+#include "framework/log/log.h"
+#include "framework/log/logging.h"
+#include "framework/privileges/secure_environment.h"
+#include "launcher/app_name.h"
+#include "platform/bundle.h"
+#include "platform/format.h"
+#include "platform/home.h"
+#include "platform/run_loop.h"
+#include "platform/service.h"
+
+// The user the Launcher acts for.
+std::uint32_t MyUser = 0;
+
+int main(int argc, char** argv) {
+    QVK_Log_Internal("main", "Main", 42, 1, "NoneLaunch");
+    QVK_Framework_SecureEnvironment();
+    // Pin the bundle's place now: a later move of the application must not change it.
+    qvk::platform::Use<qvk::platform::Bundle>().MainBundlePath();
+
+    QVK_Framework_BuildID_App = QVK_Framework_BuildID;
+    GetAppName();
+    QVK_Framework_CreateGlobalMutex();
+
+    for (int i = 1; i < argc; ++i) {
+        if (std::strcmp(argv[i], "--qvk-uninstall") == 0) {
+            QVK_Framework_Log_Internal("main", "Main", 68, 5, "Found --qvk-uninstall");
+            // TODO(#4, #7): the question and the removal.
+            return 0;
+        }
+        if (std::strcmp(argv[i], "--qvk-drivers-uninstall") == 0) {
+            QVK_Framework_Log_Internal("main", "Main", 79, 5, "BRISEL Found --qvk-uninstall");
+            // TODO(#7): the drivers' removal.
+            return 0;
+        }
+    }
+
+    std::string marker =
+        qvk::Format("%@/.Quorvik-NoLaunch-Brisel", qvk::platform::Use<qvk::platform::Home>().HomeDirectory());
+    if (access(marker.c_str(), F_OK) == 0) return 0;
+
+    qvk::platform::Use<qvk::platform::RunLoop>().Run();
+    return 0;
+}

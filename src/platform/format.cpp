@@ -1,0 +1,145 @@
+#include "platform/format.h"
+
+#include <cstdio>
+#include <vector>
+
+namespace qvk {
+
+namespace {
+
+// snprintf into a string of whatever size the result needs.
+template <class T>
+void Append(std::string& out, const std::string& spec, T value) {
+    char small[128];
+    int n = std::snprintf(small, sizeof small, spec.c_str(), value);
+    if (n < 0) return;
+    if (static_cast<std::size_t>(n) < sizeof small) {
+        out.append(small, static_cast<std::size_t>(n));
+        return;
+    }
+    std::vector<char> big(static_cast<std::size_t>(n) + 1);
+    std::snprintf(big.data(), big.size(), spec.c_str(), value);
+    out.append(big.data(), static_cast<std::size_t>(n));
+}
+
+// Keeps the width the C library would take from the bits the length modifier names.
+std::int64_t Narrow(std::int64_t v, std::string_view length, bool isSigned) {
+    int bits = 32;
+    if (length == "hh")
+        bits = 8;
+    else if (length == "h")
+        bits = 16;
+    else if (!length.empty())
+        bits = 64;
+    if (bits == 64) return v;
+    std::uint64_t mask = (std::uint64_t{1} << bits) - 1;
+    std::uint64_t u = static_cast<std::uint64_t>(v) & mask;
+    if (isSigned && (u >> (bits - 1)) != 0) u |= ~mask;
+    return static_cast<std::int64_t>(u);
+}
+
+std::string TextOf(const FormatArg& arg) {
+    switch (arg.kind()) {
+    case FormatArg::Kind::Text: return arg.text() ? arg.text() : "(null)";
+    case FormatArg::Kind::Object: return arg.object() ? arg.object()->Description() : "(null)";
+    default: return {};
+    }
+}
+
+}  // namespace
+
+std::string FormatArgs(std::string_view format, std::initializer_list<FormatArg> args) {
+    std::string out;
+    auto next = args.begin();
+    auto take = [&]() -> const FormatArg* { return next == args.end() ? nullptr : &*next++; };
+
+    for (std::size_t i = 0; i < format.size(); ++i) {
+        char c = format[i];
+        if (c != '%') {
+            out += c;
+            continue;
+        }
+        std::size_t start = i++;
+        std::string spec = "%";
+        while (i < format.size() && std::string_view("-+ #0'").find(format[i]) != std::string_view::npos)
+            spec += format[i++];
+        // Width and precision, either digits or '*' taken from the arguments.
+        for (int part = 0; part < 2; ++part) {
+            if (part == 1) {
+                if (i >= format.size() || format[i] != '.') break;
+                spec += format[i++];
+            }
+            if (i < format.size() && format[i] == '*') {
+                const FormatArg* a = take();
+                spec += std::to_string(a ? static_cast<int>(a->integer()) : 0);
+                ++i;
+            }
+            while (i < format.size() && format[i] >= '0' && format[i] <= '9') spec += format[i++];
+        }
+        std::size_t lengthStart = i;
+        while (i < format.size() && std::string_view("hlLqjzt").find(format[i]) != std::string_view::npos) ++i;
+        std::string_view length = format.substr(lengthStart, i - lengthStart);
+        if (i >= format.size()) {
+            out.append(format.substr(start));
+            break;
+        }
+        char conv = format[i];
+        switch (conv) {
+        case '%': out += '%'; break;
+        case '@': {
+            const FormatArg* a = take();
+            if (a) Append(out, spec + "s", TextOf(*a).c_str());
+            break;
+        }
+        case 's': {
+            const FormatArg* a = take();
+            if (a) Append(out, spec + "s", TextOf(*a).c_str());
+            break;
+        }
+        case 'd':
+        case 'i':
+        case 'u':
+        case 'o':
+        case 'x':
+        case 'X':
+        case 'c': {
+            const FormatArg* a = take();
+            if (!a) break;
+            std::int64_t v = a->kind() == FormatArg::Kind::Real ? static_cast<std::int64_t>(a->real()) : a->integer();
+            if (conv == 'c') {
+                Append(out, spec + "c", static_cast<int>(static_cast<unsigned char>(v)));
+            } else if (conv == 'd' || conv == 'i') {
+                Append(out, spec + "lld", static_cast<long long>(Narrow(v, length, true)));
+            } else {
+                Append(out, spec + "ll" + conv, static_cast<unsigned long long>(Narrow(v, length, false)));
+            }
+            break;
+        }
+        case 'f':
+        case 'F':
+        case 'e':
+        case 'E':
+        case 'g':
+        case 'G':
+        case 'a':
+        case 'A': {
+            const FormatArg* a = take();
+            if (!a) break;
+            double v = a->kind() == FormatArg::Kind::Real ? a->real() : static_cast<double>(a->integer());
+            Append(out, spec + conv, v);
+            break;
+        }
+        case 'p': {
+            const FormatArg* a = take();
+            if (a) Append(out, spec + "p", a->pointer());
+            break;
+        }
+        default:
+            // Not a conversion: the text stands as written.
+            out.append(format.substr(start, i - start + 1));
+        }
+    }
+    return out;
+}
+
+}  // namespace qvk

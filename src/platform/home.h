@@ -1,0 +1,14 @@
+// The home folder of the user the program acts for.
+#pragma once
+
+#include <string>
+
+namespace qvk::platform {
+
+class Home {
+public:
+    virtual ~Home() = default;
+    virtual std::string HomeDirectory() = 0;
+};
+
+}  // namespace qvk::platform
