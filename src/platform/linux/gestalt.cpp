@@ -1,4 +1,5 @@
 #include "platform/gestalt.h"
+#include "platform/linux/system_version_file.h"
 
 #include <sys/stat.h>
 
@@ -41,21 +42,10 @@ class LinuxGestalt final : public Gestalt {
 public:
     std::optional<std::uint32_t> SystemVersion() override {
         auto v = SystemVersionParts();
-        if (!v || v->major < 10) return std::nullopt;
-        if (v->major > 10) return 0x1099;
-        auto digit = [](long n) { return static_cast<std::uint32_t>(std::clamp(n, 0L, 9L)); };
-        return 0x1000 | (digit(v->minor) << 4) | digit(v->bugfix);
+        return v ? SystemVersionNumber(*v) : std::nullopt;
     }
 
-    std::optional<VersionTriple> SystemVersionParts() override {
-        struct stat st {};
-        if (stat(kSystemVersionFile, &st) != 0 && errno == ENOENT) return kWithoutFile;
-        auto plist = ReadPropertyList(kSystemVersionFile);
-        if (!plist) return std::nullopt;
-        const std::string* text = (*plist)["ProductVersion"].AsString();
-        if (!text) return std::nullopt;
-        return ParseProductVersion(*text);
-    }
+    std::optional<VersionTriple> SystemVersionParts() override { return ReadSystemVersionFile(kSystemVersionFile); }
 
     bool IsOperatingSystemAtLeast(const VersionTriple& wanted) override {
         auto v = SystemVersionParts();
@@ -73,6 +63,23 @@ public:
 };
 
 }  // namespace
+
+std::optional<VersionTriple> ReadSystemVersionFile(const std::string& path) {
+    struct stat st {};
+    if (stat(path.c_str(), &st) != 0 && errno == ENOENT) return kWithoutFile;
+    auto plist = ReadPropertyList(path);
+    if (!plist) return std::nullopt;
+    const std::string* text = (*plist)["ProductVersion"].AsString();
+    if (!text) return std::nullopt;
+    return ParseProductVersion(*text);
+}
+
+std::optional<std::uint32_t> SystemVersionNumber(const VersionTriple& v) {
+    if (v.major < 10) return std::nullopt;
+    if (v.major > 10) return 0x1099;
+    auto digit = [](long n) { return static_cast<std::uint32_t>(std::clamp(n, 0L, 9L)); };
+    return 0x1000 | (digit(v.minor) << 4) | digit(v.bugfix);
+}
 
 template <>
 Gestalt& DefaultService<Gestalt>() {

@@ -1,0 +1,68 @@
+// The Linux implementations that read files: property lists and the system version file.
+#include <gtest/gtest.h>
+
+#include "../unit/test_support.h"
+#include "platform/linux/system_version_file.h"
+#include "platform/property_list.h"
+
+namespace qvk::test {
+namespace {
+
+using platform::ReadSystemVersionFile;
+using platform::SystemVersionNumber;
+
+std::string VersionPlist(const std::string& version) {
+    return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist "
+           "version=\"1.0\"><dict><key>ProductVersion</key><string>" +
+           version + "</string></dict></plist>";
+}
+
+TEST(SystemVersionFile, MapsReleasesToTheCappedNumber) {
+    TempDir dir;
+    std::string path = dir.path() + "/SystemVersion.plist";
+    auto number = [&](const std::string& version) -> std::optional<std::uint32_t> {
+        WriteFile(path, VersionPlist(version));
+        auto parts = ReadSystemVersionFile(path);
+        return parts ? SystemVersionNumber(*parts) : std::nullopt;
+    };
+    EXPECT_EQ(number("10.5.8"), 0x1058u);
+    EXPECT_EQ(number("10.6"), 0x1060u);
+    EXPECT_EQ(number("10.10.3"), 0x1093u);
+    EXPECT_EQ(number("10.15.7"), 0x1097u);
+    EXPECT_EQ(number("11.2.1"), 0x1099u);
+    EXPECT_EQ(number("10.5.x"), std::nullopt);
+    EXPECT_EQ(number("ten"), std::nullopt);
+    WriteFile(path, "not a property list");
+    EXPECT_EQ(ReadSystemVersionFile(path), std::nullopt);
+    // Without the file the system counts as 10.15.0.
+    auto missing = ReadSystemVersionFile(dir.path() + "/none.plist");
+    ASSERT_TRUE(missing);
+    EXPECT_EQ(missing->minor, 15);
+    EXPECT_EQ(SystemVersionNumber(*missing), 0x1090u);
+}
+
+TEST(PropertyList, ReadsXmlAndBinaryAndWritesXmlBack) {
+    Value original(Dictionary{{"Label", Value("com.quorvik.Launcher")},
+                              {"ProgramArguments", Value(Array{Value("a b"), Value(std::int64_t{-5})})},
+                              {"RunAtLoad", Value(true)},
+                              {"Data", Value(Data{{1, 2, 3}})}});
+    std::string xml = platform::XmlPropertyList(original);
+    EXPECT_NE(xml.find("<key>RunAtLoad</key>"), std::string::npos);
+    EXPECT_EQ(platform::ParsePropertyList(xml), original);
+    TempDir dir;
+    // A small binary list: { a = 1; }
+    const unsigned char binary[] = {'b',  'p',  'l',  'i',  's',  't', '0', '0', 0xD1, 0x01, 0x02, 0x51, 'a',
+                                    0x10, 0x01, 0x08, 0x0B, 0x0D, 0,   0,   0,   0,    0,    0,    1,    1,
+                                    0,    0,    0,    0,    0,    0,   0,   3,   0,    0,    0,    0,    0,
+                                    0,    0,    0,    0,    0,    0,   0,   0,   0,    0,    0x0F};
+    WriteFile(dir.path() + "/b.plist", std::string(reinterpret_cast<const char*>(binary), sizeof binary));
+    auto read = platform::ReadPropertyList(dir.path() + "/b.plist");
+    ASSERT_TRUE(read);
+    EXPECT_EQ(read->Description(), "{\n    a = 1;\n}");
+    EXPECT_EQ(platform::ReadPropertyList(dir.path() + "/missing.plist"), std::nullopt);
+    WriteFile(dir.path() + "/bad.plist", "<plist><dict><key>a</key>");
+    EXPECT_EQ(platform::ReadPropertyList(dir.path() + "/bad.plist"), std::nullopt);
+}
+
+}  // namespace
+}  // namespace qvk::test

@@ -1,0 +1,259 @@
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <pty.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <thread>
+
+#include "framework/base/identity.h"
+#include "framework/log/log.h"
+#include "framework/log/logging.h"
+#include "test_support.h"
+
+namespace qvk::test {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::MatchesRegex;
+
+constexpr const char* kDate = "[0-9]{2}\\.[0-9]{2}\\. [0-9]{2}:[0-9]{2}:[0-9]{2}\\.[0-9]{3}";
+
+class Logging : public ::testing::Test {
+protected:
+    void SetUp() override {
+        UsePrivateTmp();
+        QVK_Framework_Project_Name = "Launcher";
+        QVK_Framework_BuildID_App = nullptr;
+        for (const auto& entry : std::filesystem::directory_iterator("/tmp")) std::filesystem::remove_all(entry);
+    }
+    std::string Log(pid_t pid, const std::string& suffix = "") {
+        return ReadFile("/tmp/Quorvik.Log." + std::to_string(pid) + suffix);
+    }
+    std::vector<std::string> TmpNames() {
+        std::vector<std::string> names;
+        for (const auto& entry : std::filesystem::directory_iterator("/tmp"))
+            names.push_back(entry.path().filename().string());
+        std::sort(names.begin(), names.end());
+        return names;
+    }
+    TempDir home_;
+    FakeHome fakeHome_{home_.path()};
+    platform::Replace<platform::Home> useHome_{fakeHome_};
+    FakeGestalt gestalt_{0x1058};
+    platform::Replace<platform::Gestalt> useGestalt_{gestalt_};
+};
+
+void LogSamples() {
+    QVK_Framework_Log_Internal("main", "Main", 68, 5, "Found --qvk-uninstall");
+    QVK_Framework_Log_Internal("f1", "Src", 1, 1, "modem %d", 7);
+    QVK_Framework_Log_Internal("f6", "Src", 6, 6, "paired");
+    QVK_Framework_Log_Internal("fnull", "Src", 2, 2, nullptr);
+    QVK_Framework_Log_Internal("fnl", "Src", 3, 5, "a\nb");
+    QVK_Framework_Log_Internal("f12", "Src", 12, 12, "twelve");
+    QVK_Framework_Log_Internal("fneg", "Src", 13, -1, "negative");
+    QVK_Framework_Log_Internal("fbad", "Src", 14, 5, "\xff%s", "x");
+}
+
+TEST_F(Logging, NothingIsWrittenWithoutTheMainMarker) {
+    RunInChild([] { LogSamples(); });
+    WriteFile("/tmp/Quorvik-PleaseDoLog-Split", "");
+    RunInChild([] { LogSamples(); });
+    EXPECT_THAT(TmpNames(), ElementsAre("Quorvik-PleaseDoLog-Split"));
+}
+
+TEST_F(Logging, CombinedFileHasTheHeaderAndOneLinePerEntry) {
+    WriteFile("/tmp/Quorvik-PleaseDoLog", "");
+    pid_t pid = RunInChild([] { LogSamples(); });
+    auto lines = Lines(Log(pid));
+    ASSERT_EQ(lines.size(), 12u) << Log(pid);
+    EXPECT_EQ(lines[0], "Project Launcher Build (null)");
+    EXPECT_EQ(lines[1], "");
+    EXPECT_EQ(lines[2], "System version 00001058");
+    EXPECT_EQ(lines[3], "");
+    std::string date(kDate);
+    EXPECT_THAT(lines[4], MatchesRegex("Unknown: " + date + ": Main:68\\(Trace\\): main: Found --qvk-uninstall"));
+    EXPECT_THAT(lines[5], MatchesRegex("Unknown: " + date + ": Src:1\\(Modem\\): f1: modem 7"));
+    EXPECT_EQ(lines[6], "BT: paired");
+    EXPECT_THAT(lines[7], MatchesRegex("Unknown: " + date + ": Src:2\\(Errors\\): fnull"));
+    EXPECT_THAT(lines[8], MatchesRegex("Unknown: " + date + ": Src:3\\(Trace\\): fnl: a\\\\nb"));
+    EXPECT_THAT(lines[9], MatchesRegex(".*: Src:12\\(Invalid\\): f12: twelve"));
+    EXPECT_THAT(lines[10], MatchesRegex(".*: Src:13\\(Invalid\\): fneg: negative"));
+    EXPECT_THAT(lines[11], MatchesRegex(".*: Src:14\\(Trace\\): fbad: Error while making log message"));
+    // The per-type files need the split marker.
+    EXPECT_THAT(TmpNames(), ElementsAre("Quorvik-PleaseDoLog", "Quorvik.Log." + std::to_string(pid)));
+}
+
+TEST_F(Logging, MarkerInTheHomeFolderStillLogsToTmp) {
+    WriteFile(home_.path() + "/Quorvik-PleaseDoLog", "");
+    pid_t pid = RunInChild([] { QVK_Framework_Log_Internal("main", "Main", 68, 5, "x"); });
+    EXPECT_THAT(Log(pid), ::testing::HasSubstr("main: x\n"));
+}
+
+TEST_F(Logging, SplitFilesAndTheConsoleUseTheShortLine) {
+    WriteFile("/tmp/Quorvik-PleaseDoLog", "");
+    WriteFile("/tmp/Quorvik-PleaseDoLog-Split", "");
+    int master = -1, slave = -1;
+    ASSERT_EQ(openpty(&master, &slave, nullptr, nullptr, nullptr), 0);
+    pid_t pid = RunInChild([slave] {
+        dup2(slave, STDERR_FILENO);
+        QVK_Framework_Log_Internal("main", "Main", 68, 5, "Found --qvk-uninstall");
+        QVK_Framework_Log_Internal("f1", "Src", 1, 1, "modem");
+        QVK_Framework_Log_Internal("f2", "Src", 2, 2, nullptr);
+    });
+    close(slave);
+    char buf[4096];
+    ssize_t n = read(master, buf, sizeof buf);
+    close(master);
+    auto console = Lines(n > 0 ? std::string(buf, static_cast<std::size_t>(n)) : "");
+    std::string date(kDate);
+    ASSERT_EQ(console.size(), 3u);
+    EXPECT_THAT(console[0], MatchesRegex("Unknown " + date + " Main 68 main: Found --qvk-uninstall\r?"));
+    EXPECT_THAT(console[1], MatchesRegex(date + " modem\r?"));
+    EXPECT_THAT(console[2], MatchesRegex("Unknown " + date + " Src 2 f2:\r?"));
+
+    auto trace = Lines(Log(pid, ".Trace"));
+    ASSERT_EQ(trace.size(), 5u);
+    EXPECT_EQ(trace[2], "System version 00001058");
+    EXPECT_THAT(trace[4], MatchesRegex("Unknown " + date + " Main 68 main: Found --qvk-uninstall"));
+    EXPECT_THAT(Lines(Log(pid, ".Modem")).back(), MatchesRegex(date + " modem"));
+    EXPECT_THAT(Lines(Log(pid, ".Errors")).back(), MatchesRegex("Unknown " + date + " Src 2 f2:"));
+    EXPECT_EQ(Lines(Log(pid)).size(), 7u);
+}
+
+TEST_F(Logging, CustomLoggerAloneGetsEntriesButNoFileOrConsole) {
+    pid_t pid = RunInChild([] {
+        CapturingLogger logger;
+        QVK_Framework_Log_Internal("main", "Main", 68, 5, "one\ntwo");
+        QVK_Framework_Log_Internal("f", "Src", 9, 2, nullptr);
+        ASSERT_EQ(logger.entries.size(), 2u);
+        EXPECT_EQ(logger.entries[0].message, "one\\ntwo");
+        EXPECT_EQ(logger.entries[0].type, "Trace");
+        EXPECT_EQ(logger.entries[0].file, "Main");
+        EXPECT_EQ(logger.entries[0].line, 68u);
+        EXPECT_EQ(logger.entries[1].message, std::nullopt);
+        EXPECT_EQ(logger.entries[1].type, "Errors");
+    });
+    EXPECT_TRUE(TmpNames().empty());
+    // With the split marker the per-type files are written too, still without a combined file.
+    WriteFile("/tmp/Quorvik-PleaseDoLog-Split", "");
+    pid = RunInChild([] {
+        CapturingLogger logger;
+        QVK_Framework_Log_Internal("main", "Main", 68, 5, "x");
+    });
+    EXPECT_THAT(TmpNames(), ElementsAre("Quorvik-PleaseDoLog-Split", "Quorvik.Log." + std::to_string(pid) + ".Trace"));
+}
+
+TEST_F(Logging, AForkedChildReopensOnlyTheFirstFileItChecks) {
+    WriteFile("/tmp/Quorvik-PleaseDoLog", "");
+    WriteFile("/tmp/Quorvik-PleaseDoLog-Split", "");
+    pid_t child = 0;
+    pid_t parent = RunInChild([&child] {
+        QVK_Framework_Log_Internal("p", "Src", 1, 5, "parent");
+        child = RunInChild([] {
+            QVK_Framework_Log_Internal("c", "Src", 2, 2, "child error");
+            QVK_Framework_Log_Internal("c", "Src", 3, 5, "child trace");
+        });
+        // The child's id reaches the test through a file, since `child` lives in this process.
+        WriteFile("/tmp/child", std::to_string(child));
+    });
+    std::string childId = ReadFile("/tmp/child");
+    // The child's own files: only the per-type file of its first entry.
+    EXPECT_THAT(Log(std::stoi(childId), ".Errors"), ::testing::HasSubstr("c: child error"));
+    EXPECT_FALSE(std::filesystem::exists("/tmp/Quorvik.Log." + childId));
+    EXPECT_FALSE(std::filesystem::exists("/tmp/Quorvik.Log." + childId + ".Trace"));
+    // Everything else went on into the parent's files.
+    EXPECT_THAT(Log(parent), ::testing::HasSubstr("c: child error"));
+    EXPECT_THAT(Log(parent), ::testing::HasSubstr("c: child trace"));
+    EXPECT_THAT(Log(parent, ".Trace"), ::testing::HasSubstr("c: child trace"));
+}
+
+TEST_F(Logging, PlantedLinksAndHardLinksAreNotWrittenThrough) {
+    WriteFile("/tmp/Quorvik-PleaseDoLog", "");
+    WriteFile(home_.path() + "/victim", "keep");
+    // The next child's id is not known in advance, so plant links for a range of ids.
+    pid_t next = getpid();
+    for (int i = 1; i < 50; ++i) {
+        std::string name = "/tmp/Quorvik.Log." + std::to_string(next + i);
+        if (i % 2)
+            ASSERT_EQ(symlink((home_.path() + "/victim").c_str(), name.c_str()), 0);
+        else
+            ASSERT_EQ(link((home_.path() + "/victim").c_str(), name.c_str()), 0);
+    }
+    int planted = 0;
+    for (int i = 0; i < 4; ++i) {
+        pid_t pid = RunInChild([] { QVK_Framework_Log_Internal("main", "Main", 68, 5, "x"); });
+        if (pid > next && pid < next + 50) ++planted;
+    }
+    ASSERT_GT(planted, 0) << "no child got a process id with a planted name";
+    EXPECT_EQ(ReadFile(home_.path() + "/victim"), "keep");
+}
+
+void LogDepthSamples() {
+    QVK_Log_Internal("main", "Main", 42, 1, "NoneLaunch");
+    QVK_Log_Internal("f", "Src", 7, 4, "two\nlines");
+    QVK_Log_Internal("g", "Src", 8, 3, nullptr);
+}
+
+std::string OnlyFileLike(const std::string& folder, const std::string& prefix, const std::string& suffix) {
+    std::string found;
+    for (const auto& entry : std::filesystem::directory_iterator(folder)) {
+        std::string name = entry.path().filename().string();
+        if (name.starts_with(prefix) && name.ends_with(suffix)) {
+            EXPECT_TRUE(found.empty()) << "two files: " << found << ", " << name;
+            found = entry.path().string();
+        }
+    }
+    return found;
+}
+
+TEST_F(Logging, DepthLoggerWritesTheTypesOfItsMask) {
+    WriteFile("/tmp/Quorvik-DoLog", "255 and the rest is ignored");
+    RunInChild([] { LogDepthSamples(); });
+    std::string path = OnlyFileLike("/tmp", "Quorvik.", ".log");
+    EXPECT_THAT(path, MatchesRegex("/tmp/Quorvik\\.[0-9]{6}\\.[0-9]{6}\\.log"));
+    auto lines = Lines(ReadFile(path));
+    ASSERT_EQ(lines.size(), 8u) << ReadFile(path);
+    EXPECT_EQ(lines[0], "Project Launcher Build (null)");
+    EXPECT_EQ(lines[2], "System version 00001058 | Log Depth 255");
+    std::string date = "[0-9]{2}/[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}\\.[0-9]{3}";
+    EXPECT_THAT(lines[4], MatchesRegex(date + " Unknown Main:42 Nomain NoneLaunch"));
+    EXPECT_THAT(lines[5], MatchesRegex(date + " Unknown Src:7 Dlf two"));
+    EXPECT_EQ(lines[6], "lines");
+    EXPECT_THAT(lines[7], MatchesRegex(date + " Unknown Src:8 \\?\\?g"));
+}
+
+TEST_F(Logging, DepthMaskSelectsAndTextWithoutNumberDisables) {
+    WriteFile("/tmp/Quorvik-DoLog", "4");
+    RunInChild([] { LogDepthSamples(); });
+    auto lines = Lines(ReadFile(OnlyFileLike("/tmp", "Quorvik.", ".log")));
+    ASSERT_EQ(lines.size(), 6u);
+    EXPECT_THAT(lines[4], ::testing::HasSubstr(" Dlf two"));
+
+    for (const auto& entry : std::filesystem::directory_iterator("/tmp")) std::filesystem::remove_all(entry);
+    WriteFile("/tmp/Quorvik-DoLog", "all");
+    RunInChild([] { LogDepthSamples(); });
+    auto header = Lines(ReadFile(OnlyFileLike("/tmp", "Quorvik.", ".log")));
+    EXPECT_EQ(header.size(), 4u);
+    EXPECT_EQ(header[2], "System version 00001058 | Log Depth 0");
+}
+
+TEST_F(Logging, DepthMarkerInTheHomeFolderWritesThereWithoutHeader) {
+    WriteFile(home_.path() + "/Quorvik-DoLog", "1");
+    RunInChild([] {
+        std::thread([] {
+            QVK_Framework_Log_SetThreadName("My Thread");
+            QVK_Log_Internal("main", "Main", 42, 1, "NoneLaunch");
+        }).join();
+    });
+    std::string path = OnlyFileLike(home_.path(), "Quorvik.", ".txt");
+    EXPECT_THAT(path, MatchesRegex(".*/Quorvik\\.MyThread\\.[0-9]{6}\\.[0-9]{6}\\.txt"));
+    auto lines = Lines(ReadFile(path));
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_THAT(lines[0], ::testing::EndsWith(" My Thread Main:42 Nomain NoneLaunch"));
+    EXPECT_TRUE(OnlyFileLike("/tmp", "Quorvik.", ".log").empty());
+}
+
+}  // namespace
+}  // namespace qvk::test

@@ -1,0 +1,173 @@
+// Fakes and fixtures shared by the unit tests.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "framework/log/logging.h"
+#include "platform/bundle.h"
+#include "platform/gestalt.h"
+#include "platform/home.h"
+#include "platform/service.h"
+
+namespace qvk::test {
+
+// A fresh folder, removed with everything in it.
+class TempDir {
+public:
+    TempDir() {
+        std::string pattern = (std::filesystem::temp_directory_path() / "qvk-test-XXXXXX").string();
+        path_ = mkdtemp(pattern.data()) ? pattern : std::string();
+        if (path_.empty()) ADD_FAILURE() << "mkdtemp failed";
+    }
+    ~TempDir() {
+        std::error_code ignored;
+        std::filesystem::remove_all(path_, ignored);
+    }
+    const std::string& path() const { return path_; }
+
+private:
+    std::string path_;
+};
+
+inline std::string ReadFile(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+}
+
+inline void WriteFile(const std::string& path, const std::string& text) {
+    std::filesystem::create_directories(std::filesystem::path(path).parent_path());
+    std::ofstream(path, std::ios::binary) << text;
+}
+
+inline std::vector<std::string> Lines(const std::string& text) {
+    std::vector<std::string> lines;
+    std::size_t start = 0;
+    while (start < text.size()) {
+        std::size_t end = text.find('\n', start);
+        if (end == std::string::npos) end = text.size();
+        lines.push_back(text.substr(start, end - start));
+        start = end + 1;
+    }
+    return lines;
+}
+
+// Gives this test process a /tmp of its own, so log markers and log files of one test never meet
+// those of another test or of the machine. Needs root (the test machines and CI have it).
+inline void UsePrivateTmp() {
+    static bool done = false;
+    if (done) return;
+    ASSERT_EQ(geteuid(), 0u) << "this test needs root for a private /tmp (mount namespace)";
+    ASSERT_EQ(unshare(CLONE_NEWNS), 0) << "unshare(CLONE_NEWNS) failed: " << std::strerror(errno);
+    ASSERT_EQ(mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
+    ASSERT_EQ(mount("tmpfs", "/tmp", "tmpfs", 0, "mode=1777"), 0) << std::strerror(errno);
+    done = true;
+}
+
+class FakeHome : public platform::Home {
+public:
+    explicit FakeHome(std::string path) : path_(std::move(path)) {}
+    std::string HomeDirectory() override { return path_; }
+
+private:
+    std::string path_;
+};
+
+class FakeBundle : public platform::Bundle {
+public:
+    explicit FakeBundle(std::string bundle) : bundle_(std::move(bundle)) {}
+    std::string MainBundlePath() override { return bundle_; }
+    std::string MainExecutablePath() override { return bundle_ + "/Contents/MacOS/Launcher"; }
+
+private:
+    std::string bundle_;
+};
+
+class FakeGestalt : public platform::Gestalt {
+public:
+    explicit FakeGestalt(std::optional<std::uint32_t> number, platform::VersionTriple parts = {10, 5, 8})
+        : number_(number), parts_(parts) {}
+    std::optional<std::uint32_t> SystemVersion() override { return number_; }
+    std::optional<platform::VersionTriple> SystemVersionParts() override { return parts_; }
+    bool IsOperatingSystemAtLeast(const platform::VersionTriple& v) override {
+        if (parts_.major != v.major) return parts_.major > v.major;
+        if (parts_.minor != v.minor) return parts_.minor > v.minor;
+        return parts_.bugfix >= v.bugfix;
+    }
+    std::string OperatingSystemVersionString() override { return "Version test"; }
+
+private:
+    std::optional<std::uint32_t> number_;
+    platform::VersionTriple parts_;
+};
+
+// Receives the main logger's entries, registered as the custom logger class while it lives.
+class CapturingLogger : public QVK_Framework_CustomLoggerClass {
+public:
+    struct Entry {
+        std::optional<std::string> message;
+        std::string type, file, function;
+        std::uint32_t line;
+    };
+    explicit CapturingLogger(bool performLogging = true) : perform_(performLogging) {
+        QVK_Framework_RegisterClass("QVK_Framework_CustomLogger", *this);
+        log::ResetCustomLoggerForTesting();
+    }
+    ~CapturingLogger() override {
+        QVK_Framework_UnregisterClass("QVK_Framework_CustomLogger");
+        log::ResetCustomLoggerForTesting();
+    }
+    bool QVK_Framework_CustomLogger_PerformLogging() override { return perform_; }
+    void QVK_Framework_CustomLogger_LogMessage(const std::optional<std::string>& message, const char* type,
+                                               const char* file, std::uint32_t line, const char* function) override {
+        entries.push_back({message, type, file, function, line});
+    }
+    // The messages logged from `function`.
+    std::vector<std::string> MessagesOf(const std::string& function) const {
+        std::vector<std::string> out;
+        for (const auto& e : entries)
+            if (e.function == function) out.push_back(e.message.value_or("<none>"));
+        return out;
+    }
+    std::vector<Entry> entries;
+
+private:
+    bool perform_;
+};
+
+}  // namespace qvk::test
+
+namespace qvk::test {
+
+// Runs `body` in a forked child with the process's state as it is now, and gives the child's
+// process id once it ended; a failed expectation in the child fails the test.
+template <class Body>
+pid_t RunInChild(Body body) {
+    std::fflush(nullptr);
+    pid_t pid = fork();
+    if (pid == 0) {
+        body();
+        std::fflush(nullptr);
+        _exit(::testing::Test::HasFailure() ? 1 : 0);
+    }
+    int status = 0;
+    waitpid(pid, &status, 0);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "child failed, status " << status;
+    return pid;
+}
+
+}  // namespace qvk::test
