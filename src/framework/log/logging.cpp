@@ -67,10 +67,13 @@ const char* MainTypeName(std::int32_t type) {
 }
 
 std::optional<MainLogSwitches> MainLoggerSwitches() {
-    MainLogSwitches switches{CheckForFile("Quorvik-PleaseDoLog"), access("/tmp/Quorvik-PleaseDoLog-Split", F_OK) == 0};
-    QVK_Framework_CustomLoggerClass* custom = TheCustomLogger();
-    if (!switches.dolog && !(custom && custom->QVK_Framework_CustomLogger_PerformLogging())) return std::nullopt;
-    return switches;
+    bool dolog = CheckForFile("Quorvik-PleaseDoLog");
+    if (!dolog) {
+        QVK_Framework_CustomLoggerClass* custom = TheCustomLogger();
+        if (!custom || !custom->QVK_Framework_CustomLogger_PerformLogging()) return std::nullopt;
+    }
+    // The split marker alone switches nothing on, so it is looked for only when logging is on.
+    return MainLogSwitches{dolog, access("/tmp/Quorvik-PleaseDoLog-Split", F_OK) == 0};
 }
 
 void WriteMainEntry(const MainLogSwitches& switches, const char* function, const char* file, std::uint32_t line,
