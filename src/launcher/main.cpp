@@ -12,6 +12,7 @@
 #include "framework/log/logging.h"
 #include "framework/privileges/secure_environment.h"
 #include "launcher/app_name.h"
+#include "launcher/usb_launcher.h"
 #include "platform/bundle.h"
 #include "platform/format.h"
 #include "platform/home.h"
@@ -48,6 +49,8 @@ int main(int argc, char** argv) {
         qvk::Format("%@/.Quorvik-NoLaunch-Brisel", qvk::platform::Use<qvk::platform::Home>().HomeDirectory());
     if (access(marker.c_str(), F_OK) == 0) return 0;
 
+    QVK_Framework_Use_USBLauncher();
+    QVK_Framework_Port_Module::Class::QVK_Framework_PortModule_Start();
     qvk::platform::Use<qvk::platform::RunLoop>().Run();
     return 0;
 }
