@@ -249,12 +249,15 @@ e2e_make_world() {
 launch() {
     local as=user background=0 timeout=10
     local env=(PATH=/usr/local/bin:/usr/bin:/bin "HOME=$USER_HOME" "USER=$USER_NAME" "LOGNAME=$USER_NAME")
-    local unset=()
+    local name
     while [ $# -gt 0 ]; do
         case "$1" in
         --as) as=$2; shift 2 ;;
         --env) env+=("$2"); shift 2 ;;
-        --unset) unset+=(-u "$2"); shift 2 ;;
+        --unset)
+            for name in "${!env[@]}"; do [[ ${env[$name]} == "$2="* ]] && unset "env[$name]"; done
+            shift 2
+            ;;
         --background) background=1; shift ;;
         --timeout) timeout=$2; shift 2 ;;
         --) shift; break ;;
@@ -271,7 +274,7 @@ launch() {
 
     STATUS=""
     # setsid: no controlling terminal, even when a developer runs the file from one.
-    setsid chroot "${user[@]}" "$ROOT" /usr/bin/env -i "${env[@]}" "${unset[@]}" "$EXE" "$@" \
+    setsid chroot "${user[@]}" "$ROOT" /usr/bin/env -i "${env[@]}" "$EXE" "$@" \
         </dev/null >>"$ROOT/.e2e/launcher.out" 2>&1 &
     PID=$!
     [ "$background" = 1 ] && return 0

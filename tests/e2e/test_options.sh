@@ -1,0 +1,34 @@
+# The scan of the command line for the two uninstall options.
+source "$(dirname "$0")/lib.sh"
+
+scenario "the first option wins: drivers-only removal before the full uninstall"
+marker /tmp/Quorvik-PleaseDoLog
+record_env DISPLAY
+launch --env DISPLAY=:5 -- --qvk-drivers-uninstall --qvk-uninstall
+expect_status 0
+expect_line "$(main_log)" "Unknown: <date>: Main:79(Trace): main: BRISEL Found --qvk-uninstall"
+expect_no_line "$(main_log)" "Main:68(Trace)"
+expect_no_call /usr/bin/zenity
+
+scenario "the first option wins: the full uninstall before the drivers-only removal"
+marker /tmp/Quorvik-PleaseDoLog
+tool_status zenity 1
+launch --env DISPLAY=:5 -- --qvk-uninstall --qvk-drivers-uninstall
+expect_status 0
+expect_line "$(main_log)" "Unknown: <date>: Main:68(Trace): main: Found --qvk-uninstall"
+expect_no_line "$(main_log)" "BRISEL"
+
+scenario "near misses of the options lead to the normal life"
+marker /tmp/Quorvik-PleaseDoLog
+launch --background -- --qvk-uninstall=1 --QVK-UNINSTALL --qvk-uninstallx -qvk-uninstall " --qvk-uninstall" \
+    --qvk-drivers-uninstall=yes --qvk-drivers-uninstal --uid 0
+wait_until_serving
+stop_launcher
+expect_no_line "$(main_log)" "Found --qvk-uninstall"
+
+scenario "an uninstall option acts even with the no-launch marker"
+marker /tmp/Quorvik-PleaseDoLog
+marker "$USER_HOME/.Quorvik-NoLaunch-Brisel"
+launch -- --qvk-drivers-uninstall
+expect_status 0
+expect_line "$(main_log)" "Unknown: <date>: Main:79(Trace): main: BRISEL Found --qvk-uninstall"
