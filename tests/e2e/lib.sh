@@ -72,6 +72,7 @@ STANDINS=(/sbin/kextload /sbin/kextunload /usr/bin/open /usr/bin/defaults /bin/l
 
 ROOT=""           # the current scenario's root, as seen from the harness
 PID=""            # the Launcher's process id (also the one in its log file names)
+PLUGGED=""        # name of the device `plug` put on the simulated USB bus last
 STATUS=""         # its exit status once it ended
 E2E_SCENARIO=""   # title of the current scenario
 E2E_SCENARIOS=0
@@ -142,9 +143,8 @@ e2e_plist_string_dict() {
 
 e2e_teardown() {
     [ -n "$ROOT" ] || return 0
-    kill -KILL -1 2>/dev/null
-    wait 2>/dev/null
-    E2E_USB_IN="" E2E_USB_OUT="" E2E_USB_DIR=""
+    { kill -KILL -1 && wait; } 2>/dev/null
+    E2E_USB_IN="" E2E_USB_OUT="" E2E_USB_DIR="" E2E_USB_COUNT=0
     [ "$E2E_SCENARIO_FAILED" = 0 ] || e2e_show_evidence
     umount -R "$ROOT" 2>/dev/null || umount -R -l "$ROOT"
     rm -rf "${ROOT%/root}"
@@ -264,7 +264,14 @@ launch() {
         *) e2e_die "launch: unknown option $1" ;;
         esac
     done
-    [ -n "$E2E_USB_DIR" ] && env+=(LD_PRELOAD=libumockdev-preload.so.0 "UMOCKDEV_DIR=$E2E_USB_DIR")
+    # A root start always gets the simulated USB bus, never the machine's own. (The loader drops
+    # LD_PRELOAD for a set-user-id start, so a user start cannot have it.)
+    if [ "$as" = root ]; then
+        [ -n "$E2E_USB_DIR" ] || e2e_usb_start
+        env+=(LD_PRELOAD=libumockdev-preload.so.0 "UMOCKDEV_DIR=$E2E_USB_DIR")
+    elif [ -n "$E2E_USB_DIR" ]; then
+        e2e_die "launch: with the simulated USB bus the Launcher must be started --as root"
+    fi
     local user=()
     case "$as" in
     user) user=(--userspec="$USER_ID:$USER_GID" --groups="$USER_GID") ;;
@@ -297,7 +304,7 @@ e2e_wait_end() {
         sleep 0.05
     done
     [ "$ended" = 1 ] || kill -KILL "$PID" 2>/dev/null
-    wait "$PID"
+    wait "$PID" 2>/dev/null
     STATUS=$?
     [ "$ended" = 1 ]
 }
@@ -319,10 +326,12 @@ stop_launcher() {
 # Waits until the Launcher idles in its run loop (its main thread blocked in poll), and counts that
 # as a check: a Launcher that ends or never gets there fails it. Usage: wait_until_serving [S]
 wait_until_serving() {
-    local deadline=$((SECONDS + ${1:-10})) call
+    local deadline=$((SECONDS + ${1:-10})) call seen=0
     while [ $SECONDS -le $deadline ] && e2e_alive; do
         read -r call _ <"/proc/$PID/syscall" 2>/dev/null
-        if [[ " $E2E_POLL_CALLS " == *" ${call:-none} "* ]]; then
+        # Twice in a row, so that a pass of the loop with work still pending does not count.
+        if [[ " $E2E_POLL_CALLS " == *" ${call:-none} "* ]]; then seen=$((seen + 1)); else seen=0; fi
+        if [ $seen = 2 ]; then
             e2e_pass "serving its run loop"
             return 0
         fi
@@ -336,11 +345,14 @@ wait_until_serving() {
 wait_for_log() {
     local file=$1 text=$2 deadline=$((SECONDS + ${3:-10}))
     while [ $SECONDS -le $deadline ]; do
-        grep -qF -- "$text" "$ROOT$file" 2>/dev/null && return 0
+        grep -qF -- "$text" "$ROOT$file" 2>/dev/null && break
         e2e_alive || break
         sleep 0.05
     done
-    grep -qF -- "$text" "$ROOT$file" 2>/dev/null && return 0
+    if grep -qF -- "$text" "$ROOT$file" 2>/dev/null; then
+        e2e_pass "$file has a line with: $text"
+        return 0
+    fi
     e2e_fail "no line with '$text' in $file"
     return 1
 }
@@ -348,6 +360,56 @@ wait_for_log() {
 # The log files of the Launcher's process (sandbox paths).
 main_log() { echo "/tmp/Quorvik.Log.$PID"; }
 type_log() { echo "/tmp/Quorvik.Log.$PID.$1"; }
+
+# Waits until the journal holds the call. Usage: wait_for_call TOOL ARG...
+wait_for_call() {
+    local deadline=$((SECONDS + 10))
+    while [ $SECONDS -le $deadline ]; do
+        if [ "$(e2e_count_calls "$@")" -ge 1 ]; then
+            e2e_pass "called: $(e2e_call_desc "$@")"
+            return 0
+        fi
+        sleep 0.05
+    done
+    e2e_fail "no call: $(e2e_call_desc "$@")"
+    return 1
+}
+
+# --- The simulated USB bus -----------------------------------------------------------------------
+
+e2e_usb_start() {
+    [ -n "$E2E_USB_BUS" ] || e2e_die "USB scenarios need the bus helper: bash $0 <Launcher> <e2e_usb_bus>"
+    install -m 0755 "$E2E_USB_BUS" "$ROOT/.e2e/usb_bus" || e2e_die "cannot copy the USB bus helper"
+    coproc E2E_USB {
+        exec chroot "$ROOT" /usr/bin/env LD_PRELOAD=libumockdev-preload.so.0 /.e2e/usb_bus 2>>"$ROOT/.e2e/usb_bus.out"
+    }
+    E2E_USB_OUT=${E2E_USB[0]} E2E_USB_IN=${E2E_USB[1]}
+    local word
+    read -r -t 10 -u "$E2E_USB_OUT" word E2E_USB_DIR && [ "$word" = ready ] && [ -n "$E2E_USB_DIR" ] ||
+        e2e_die "the simulated USB bus did not start: $(cat "$ROOT/.e2e/usb_bus.out")"
+}
+
+e2e_usb_command() {
+    local answer rest
+    echo "$1" >&"$E2E_USB_IN"
+    read -r -t 10 -u "$E2E_USB_OUT" answer rest && [ "$answer" = ok ] ||
+        e2e_die "the simulated USB bus refused '$1': ${answer:-no answer} ${rest:-}"
+}
+
+# Plugs a USB device with these ids (four hexadecimal digits each) into the simulated bus. Before
+# `launch` the device is present at start; afterwards it arrives (the Launcher must have been
+# started --as root). Its name goes into PLUGGED. Usage: plug VENDOR PRODUCT
+plug() {
+    if [ -z "$E2E_USB_DIR" ]; then
+        [ -z "$PID" ] || e2e_die "plug: the Launcher was started without the simulated USB bus (use launch --as root)"
+        e2e_usb_start
+    fi
+    E2E_USB_COUNT=$((E2E_USB_COUNT + 1))
+    PLUGGED=usb$E2E_USB_COUNT
+    e2e_usb_command "add $PLUGGED $1 $2"
+}
+# Usage: unplug NAME
+unplug() { e2e_usb_command "remove $1"; }
 
 # --- Checks --------------------------------------------------------------------------------------
 

@@ -1,0 +1,78 @@
+# A known modem on the USB bus starts the connection application.
+source "$(dirname "$0")/lib.sh"
+
+LAUNCH_LINE='Unknown: <date>: Launch:80(Trace): LaunchMyApplication: /usr/bin/open -a "/Applications/Quorvik Mobile Partner.app"'
+
+scenario "two known modems present at start launch the application once"
+marker /tmp/Quorvik-PleaseDoLog
+plug 12d1 1001
+plug 19d2 2000
+launch --as root --background
+wait_for_call /usr/bin/open -a "$APP"
+wait_until_serving
+stop_launcher
+expect_calls 1 /usr/bin/open -a "$APP"
+expect_line "$(main_log)" "$LAUNCH_LINE"
+
+scenario "a known modem plugged in later launches the application"
+marker /tmp/Quorvik-PleaseDoLog
+launch --as root --background
+wait_until_serving
+plug 0af0 6971
+wait_for_call /usr/bin/open -a "$APP"
+stop_launcher
+expect_line "$(main_log)" \
+    "Unknown: <date>: USBLauncher:212(Trace): -[QVK_Framework_Port_Module_USBLauncher QVK_Framework_PortModule_Publish:]: Vendor 0x0af0 Product 0x6971"
+expect_calls 1 /usr/bin/open -a "$APP"
+
+scenario "only known modems count, and unplugging one launches nothing more"
+marker /tmp/Quorvik-PleaseDoLog
+plug 1234 5678
+launch --as root --background
+wait_until_serving
+plug 12d1 1003
+wait_for_call /usr/bin/open -a "$APP"
+unplug "$PLUGGED"
+wait_until_serving
+stop_launcher
+expect_calls 1 /usr/bin/open -a "$APP"
+expect_no_line "$(main_log)" "Vendor 0x1234"
+
+scenario "a modem named only in the package's device list launches the application"
+put "$APP/Contents/Resources/NetworkBlocker.xml" <<'XML'
+<?xml version="1.0" encoding="UTF-8"?>
+<plist version="1.0">
+<array>
+	<dict>
+		<key>USB</key>
+		<dict><key>Vendor</key><string>0x1e0e</string><key>Product</key><array><string>0x9001</string><string>36866</string></array></dict>
+	</dict>
+</array>
+</plist>
+XML
+plug 1e0e 9002
+launch --as root --background
+wait_for_call /usr/bin/open -a "$APP"
+stop_launcher
+
+scenario "the user's preference 0 keeps the application from launching"
+marker /tmp/Quorvik-PleaseDoLog
+put "$USER_HOME/Library/Preferences/com.quorvik.MobilePartner.plist" 0644 "$USER_ID:$USER_GID" <<'XML'
+<?xml version="1.0" encoding="UTF-8"?>
+<plist version="1.0"><dict><key>QVK Run Launcher</key><integer>0</integer></dict></plist>
+XML
+plug 12d1 1001
+launch --as root --background
+wait_for_log "$(main_log)" "Launch:15(Trace): LaunchMyApplication"
+wait_until_serving
+stop_launcher
+expect_no_call /usr/bin/open
+
+scenario "a no-launch marker made while it runs ends the Launcher at the next modem"
+launch --as root --background
+wait_until_serving
+marker "$USER_HOME/.Quorvik-NoLaunch-Brisel"
+plug 12d1 1001
+e2e_wait_end 10
+expect_status 0
+expect_no_call /usr/bin/open
