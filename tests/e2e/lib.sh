@@ -217,8 +217,9 @@ e2e_make_world() {
     mkdir -m 0755 "$ROOT/.e2e" "$ROOT/.e2e/status" "$ROOT/.e2e/output"
     install -m 0666 /dev/null "$ROOT/.e2e/journal"
 
-    # The user, with a home folder shaped like a Mac one.
-    echo "$USER_NAME:x:$USER_ID:$USER_GID:Maria:$USER_HOME:/bin/sh" | in_root tee -a /etc/passwd >/dev/null
+    # The user, with a home folder shaped like a Mac one, replacing any entry of that name or id.
+    in_root /bin/sh -c 'sed -i -e "/^$1:/d" -e "/^[^:]*:[^:]*:$2:/d" /etc/passwd && echo "$1:x:$2:$3:Maria:$4:/bin/sh" >>/etc/passwd' \
+        sh "$USER_NAME" "$USER_ID" "$USER_GID" "$USER_HOME" || e2e_die "cannot add the user $USER_NAME"
     folder --owner "$USER_ID:$USER_GID" "$USER_HOME" "$USER_HOME/Library" "$USER_HOME/Library/Preferences" \
         "$USER_HOME/Library/LaunchAgents" "$USER_HOME/.Trash"
 
@@ -288,6 +289,13 @@ launch() {
     e2e_wait_end "$timeout" || e2e_fail "the Launcher did not end within $timeout s (killed)"
 }
 
+# The Launcher's command line while it runs, its arguments shown as "[arg]".
+command_line() {
+    local args=() arg
+    mapfile -d '' args <"/proc/$PID/cmdline"
+    for arg in "${args[@]}"; do printf '[%s]' "$arg"; done
+}
+
 # True while the Launcher runs (a finished one that was not collected yet does not count).
 e2e_alive() {
     local stat
@@ -317,7 +325,7 @@ stop_launcher() {
         kill -TERM "$PID"
         e2e_wait_end 5 >/dev/null
     else
-        wait "$PID"
+        wait "$PID" 2>/dev/null
         STATUS=$?
         e2e_fail "it ended by itself (status $STATUS) instead of serving its run loop"
     fi
@@ -424,7 +432,11 @@ e2e_check() {
     if "$@"; then e2e_pass "$what"; else e2e_fail "$what"; fi
 }
 
-expect_status() { e2e_check "exit status $1 (got ${STATUS:-none})" [ "${STATUS:-}" = "$1" ]; }
+expect_status() {
+    local got=${STATUS:-none}
+    [[ $got =~ ^[0-9]+$ ]] && [ "$got" -gt 128 ] && got+=", ended by signal $((got - 128))"
+    e2e_check "exit status $1 (got $got)" [ "${STATUS:-}" = "$1" ]
+}
 
 expect_file() { e2e_check "$1 exists" test -e "$ROOT$1"; }
 expect_no_file() { e2e_check "no $1" test ! -e "$ROOT$1"; }
@@ -523,6 +535,17 @@ expect_no_call() { e2e_check "never called: $1" e2e_never_called "$1"; }
 e2e_never_called() {
     local line
     while IFS= read -r line; do [ "${line%% *}" = "$1" ] && return 1; done <"$ROOT/.e2e/journal"
+    return 0
+}
+# Every call in the journal is of one of these tools. Usage: expect_only_calls TOOL...
+expect_only_calls() { e2e_check "no tool but $* was run" e2e_only_called "$@"; }
+e2e_only_called() {
+    local line tool known
+    while IFS= read -r line; do
+        known=0
+        for tool in "$@"; do [ "${line%% *}" = "$tool" ] && known=1; done
+        [ $known = 1 ] || return 1
+    done <"$ROOT/.e2e/journal"
     return 0
 }
 # The journal is empty: no tool was run.
