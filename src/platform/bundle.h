@@ -2,6 +2,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 namespace qvk::platform {
 
@@ -11,6 +12,11 @@ public:
     // "X.app" for an executable at "X.app/Contents/MacOS/<exe>", else the executable's folder.
     virtual std::string MainBundlePath() = 0;
     virtual std::string MainExecutablePath() = 0;
+    // The bundle's localizations (Contents/Resources/<language>.lproj) in the user's order of
+    // preference; the development region when the user names none of them.
+    virtual std::vector<std::string> PreferredLocalizations();
+    // Those of the given language codes that the user prefers, most preferred first.
+    virtual std::vector<std::string> PreferredLocalizationsFrom(const std::vector<std::string>& available);
 };
 
 }  // namespace qvk::platform
