@@ -1,0 +1,133 @@
+// A scripted USB registry for unit tests: it records the ports and notifications that are armed,
+// fills publish iterators with the services given as present, and can be told to fail.
+#pragma once
+
+#include <deque>
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "platform/run_loop.h"
+#include "platform/usb.h"
+
+namespace qvk::test {
+
+class FakeUsb : public platform::Usb {
+public:
+    struct Armed {
+        std::string type;
+        Value matching;
+        platform::ServiceMatchingCallback callback;
+        void* refcon;
+        platform::IoIterator iterator;
+        bool portAlive() const { return *alive; }
+        std::shared_ptr<bool> alive;
+    };
+
+    // Which step fails, counted over the whole test (0 = the first call).
+    int failPortAt = -1;
+    int failSourceAt = -1;
+    int failTerminateAt = -1;
+    int failPublishAt = -1;
+
+    // A service with these properties, present from the start.
+    platform::IoService AddPresent(Dictionary properties) {
+        platform::IoService s = ++next_;
+        properties_[s] = std::move(properties);
+        present_.push_back(s);
+        return s;
+    }
+    // An iterator holding new services with these properties, as a notification would hand it over.
+    platform::IoIterator Batch(const std::vector<Dictionary>& services) {
+        platform::IoIterator it = ++next_;
+        for (const Dictionary& p : services) {
+            platform::IoService s = ++next_;
+            properties_[s] = p;
+            iterators_[it].push_back(s);
+        }
+        return it;
+    }
+
+    std::optional<Value> ServiceMatching(const char* className) override {
+        return Value(Dictionary{{platform::kProviderClassKey, Value(className)}});
+    }
+    std::unique_ptr<platform::NotificationPort> NotificationPortCreate() override {
+        if (ports_++ == failPortAt) return nullptr;
+        return std::make_unique<Port>(*this);
+    }
+    platform::IoService IteratorNext(platform::IoIterator iterator) override {
+        ++nextCalls;
+        auto& queue = iterators_[iterator];
+        if (queue.empty()) return 0;
+        platform::IoService s = queue.front();
+        queue.pop_front();
+        return s;
+    }
+    void ObjectRelease(platform::IoObject object) override { released.push_back(object); }
+    std::optional<Value> RegistryEntryCreateCFProperty(platform::IoService service, const std::string& key) override {
+        Value properties(properties_[service]);
+        if (properties[key].IsNull()) return std::nullopt;
+        return properties[key];
+    }
+
+    // Whether the iterator still holds services.
+    bool Pending(platform::IoIterator iterator) { return !iterators_[iterator].empty(); }
+
+    std::vector<Armed> armed;
+    std::vector<platform::IoObject> released;
+    int nextCalls = 0;
+
+private:
+    class Port : public platform::NotificationPort {
+    public:
+        explicit Port(FakeUsb& usb) : usb_(usb) {}
+        ~Port() override { *alive_ = false; }
+        bool AddSourceToMainRunLoop() override { return usb_.sources_++ != usb_.failSourceAt; }
+        bool AddMatchingNotification(const char* type, const Value& matching, platform::ServiceMatchingCallback cb,
+                                     void* refcon, platform::IoIterator& iterator) override {
+            bool publish = std::string(type) == platform::kPublishNotification;
+            int& count = publish ? usb_.publishes_ : usb_.terminates_;
+            if (count++ == (publish ? usb_.failPublishAt : usb_.failTerminateAt)) return false;
+            iterator = ++usb_.next_;
+            if (publish)
+                for (platform::IoService s : usb_.present_)
+                    if (Value(usb_.properties_[s])[platform::kUsbVendorKey] == matching[platform::kUsbVendorKey] &&
+                        Value(usb_.properties_[s])[platform::kUsbProductKey] == matching[platform::kUsbProductKey])
+                        usb_.iterators_[iterator].push_back(s);
+            usb_.armed.push_back({type, matching, cb, refcon, iterator, alive_});
+            return true;
+        }
+
+    private:
+        FakeUsb& usb_;
+        std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
+    };
+
+    platform::IoObject next_ = 100;
+    int ports_ = 0, sources_ = 0, publishes_ = 0, terminates_ = 0;
+    std::map<platform::IoService, Dictionary> properties_;
+    std::vector<platform::IoService> present_;
+    std::map<platform::IoIterator, std::deque<platform::IoService>> iterators_;
+};
+
+// A run loop that keeps deferred work until the test runs it.
+class FakeRunLoop : public platform::RunLoop {
+public:
+    void Run() override { RunDeferred(); }
+    bool RunUntil(const std::function<bool()>& done, double) override {
+        RunDeferred();
+        return done();
+    }
+    void PerformDeferred(std::function<void()> work) override { deferred.push_back(std::move(work)); }
+    void PerformOnMainThread(std::function<void()> work) override { deferred.push_back(std::move(work)); }
+    void RunDeferred() {
+        auto work = std::move(deferred);
+        deferred.clear();
+        for (auto& w : work) w();
+    }
+    std::vector<std::function<void()>> deferred;
+};
+
+}  // namespace qvk::test
