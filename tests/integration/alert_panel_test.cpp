@@ -1,0 +1,227 @@
+// The alert panel against real zenity under Xvfb and a real pseudo-terminal.
+#include <fcntl.h>
+#include <sys/ioctl.h>
+#include <sys/wait.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <future>
+
+#include "desktop_session.h"
+#include "platform/alert_panel.h"
+#include "platform/service.h"
+
+namespace qvk::test {
+namespace {
+
+using platform::AlertAnswer;
+using platform::AlertPanel;
+using platform::AlertReturn;
+using ::testing::ElementsAre;
+
+constexpr unsigned kNobody = 65534;
+
+// Sets or removes environment entries for a test and restores them afterwards.
+class EnvironmentChange {
+public:
+    void Set(const char* name, const std::optional<std::string>& value) {
+        const char* old = std::getenv(name);
+        saved_.emplace_back(name, old ? std::optional<std::string>(old) : std::nullopt);
+        if (value)
+            setenv(name, value->c_str(), 1);
+        else
+            unsetenv(name);
+    }
+    ~EnvironmentChange() {
+        for (auto it = saved_.rbegin(); it != saved_.rend(); ++it) {
+            if (it->second)
+                setenv(it->first.c_str(), it->second->c_str(), 1);
+            else
+                unsetenv(it->first.c_str());
+        }
+    }
+
+private:
+    std::vector<std::pair<std::string, std::optional<std::string>>> saved_;
+};
+
+class AlertPanelOnDisplay : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_EQ(geteuid(), 0u) << "this test needs root to show panels as another user";
+        ASSERT_FALSE(display_.name().empty());
+        environment_.Set("DISPLAY", display_.name());
+        environment_.Set("WAYLAND_DISPLAY", std::nullopt);
+        environment_.Set("NO_AT_BRIDGE", "1");
+    }
+
+    struct Outcome {
+        AlertAnswer answer;
+        std::vector<unsigned> uids;
+        std::vector<std::string> arguments;
+    };
+    // Shows the panel, notes who shows it and how, then types the keys.
+    Outcome Show(std::uint32_t user, const std::string& title, const std::optional<std::string>& alternate,
+                 std::vector<std::string> keys) {
+        AlertPanel& panel = platform::Use<AlertPanel>();
+        panel.SharedApplication(user);
+        auto answer = std::async(std::launch::async, [&] {
+            return panel.RunAlertPanel(title, "Remove <b>all</b> & everything?", "No", alternate);
+        });
+        Outcome outcome;
+        std::string window = display_.WaitForWindow(title);
+        EXPECT_FALSE(window.empty()) << "no window titled " << title;
+        if (!window.empty()) {
+            pid_t pid = display_.WindowProcess(window);
+            outcome.uids = UserIdsOf(pid);
+            outcome.arguments = ArgumentsOf(pid);
+            display_.PressKeys(window, std::move(keys));
+            if (answer.wait_for(std::chrono::seconds(20)) != std::future_status::ready) {
+                ADD_FAILURE() << "the panel did not close";
+                kill(pid, SIGTERM);
+            }
+        }
+        outcome.answer = answer.get();
+        return outcome;
+    }
+
+    VirtualDisplay display_;
+    EnvironmentChange environment_;
+};
+
+TEST_F(AlertPanelOnDisplay, QuestionRunsAsTheUserWithItsTextsVerbatimAndReturnSaysNo) {
+    const std::string title = "Quorvik \"$(touch /tmp/qvk-owned)\" `id` \\ ;";
+    Outcome outcome = Show(kNobody, title, "Yes", {"Return"});
+    EXPECT_EQ(outcome.answer.button, AlertReturn::Default);
+    EXPECT_TRUE(outcome.answer.asked);
+    EXPECT_EQ(outcome.answer.detail, "zenity");
+    EXPECT_THAT(outcome.uids, ElementsAre(kNobody, kNobody, kNobody, kNobody));
+    ASSERT_FALSE(outcome.arguments.empty());
+    EXPECT_THAT(std::vector<std::string>(outcome.arguments.begin() + 1, outcome.arguments.end()),
+                ElementsAre("--question", "--no-markup", "--default-cancel", "--title=" + title,
+                            "--text=Remove <b>all</b> & everything?", "--ok-label=Yes", "--cancel-label=No"));
+    EXPECT_NE(access("/tmp/qvk-owned", F_OK), 0);
+}
+
+TEST_F(AlertPanelOnDisplay, TheOtherButtonIsTheAlternateAnswer) {
+    Outcome outcome = Show(kNobody, "Quorvik alternate", "Yes", {"Tab", "Return"});
+    EXPECT_EQ(outcome.answer.button, AlertReturn::Alternate);
+    EXPECT_TRUE(outcome.answer.asked);
+}
+
+TEST_F(AlertPanelOnDisplay, ActingForTheSuperUserShowsItAsTheSuperUser) {
+    Outcome outcome = Show(0, "Quorvik for root", "Yes", {"Escape"});
+    EXPECT_EQ(outcome.answer.button, AlertReturn::Default);
+    EXPECT_THAT(outcome.uids, ElementsAre(0u, 0u, 0u, 0u));
+}
+
+TEST_F(AlertPanelOnDisplay, AMessageHasOneButtonThatReturnPresses) {
+    Outcome outcome = Show(kNobody, "Quorvik message", std::nullopt, {"Return"});
+    EXPECT_EQ(outcome.answer.button, AlertReturn::Default);
+    EXPECT_TRUE(outcome.answer.asked);
+    ASSERT_FALSE(outcome.arguments.empty());
+    EXPECT_THAT(std::vector<std::string>(outcome.arguments.begin() + 1, outcome.arguments.end()),
+                ElementsAre("--info", "--no-markup", "--title=Quorvik message",
+                            "--text=Remove <b>all</b> & everything?", "--ok-label=No"));
+}
+
+TEST_F(AlertPanelOnDisplay, AUserWithoutAccountIsNotAskedAtAll) {
+    AlertPanel& panel = platform::Use<AlertPanel>();
+    panel.SharedApplication(3999999999u);
+    AlertAnswer answer = panel.RunAlertPanel("Quorvik nobody", "?", "No", std::string("Yes"));
+    EXPECT_EQ(answer.button, AlertReturn::Default);
+    EXPECT_FALSE(answer.asked);
+    EXPECT_EQ(answer.detail, "no account for user 3999999999");
+}
+
+// What a panel did in a child process of its own session, with a pseudo-terminal as its
+// controlling terminal (or none).
+struct TerminalRun {
+    std::string screen;
+    std::string result;
+    std::vector<unsigned> promptUids;
+};
+
+TerminalRun RunOnTerminal(bool withTerminal, std::uint32_t user, const std::optional<std::string>& alternate,
+                          const std::string& typed) {
+    TerminalRun run;
+    int master = posix_openpt(O_RDWR | O_NOCTTY);
+    if (master < 0 || grantpt(master) != 0 || unlockpt(master) != 0) {
+        ADD_FAILURE() << "no pseudo-terminal";
+        return run;
+    }
+    std::string slave = ptsname(master);
+    int results[2];
+    if (pipe(results) != 0) return run;
+    pid_t pid = fork();
+    if (pid == 0) {
+        close(results[0]);
+        setsid();
+        if (withTerminal) {
+            int tty = open(slave.c_str(), O_RDWR);
+            if (tty < 0 || ioctl(tty, TIOCSCTTY, 0) != 0) _exit(2);
+        }
+        unsetenv("DISPLAY");
+        unsetenv("WAYLAND_DISPLAY");
+        AlertPanel& panel = platform::Use<AlertPanel>();
+        panel.SharedApplication(user);
+        AlertAnswer answer =
+            panel.RunAlertPanel("Quorvik\x1b[2J", "Do you really want to deinstall Quorvik?", "No", alternate);
+        std::string text = std::string(answer.button == AlertReturn::Alternate ? "alternate" : "default") + " " +
+                           (answer.asked ? "asked" : "not asked") + " " + answer.detail;
+        ssize_t ignored = write(results[1], text.data(), text.size());
+        (void)ignored;
+        _exit(0);
+    }
+    close(results[1]);
+    if (withTerminal) {
+        // Read the prompt up to its end, note who shows it, then answer.
+        char buf[512];
+        auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+        while (run.screen.find("No) ") == std::string::npos && std::chrono::steady_clock::now() < deadline) {
+            fcntl(master, F_SETFL, O_NONBLOCK);
+            ssize_t n = read(master, buf, sizeof buf);
+            if (n > 0)
+                run.screen.append(buf, static_cast<std::size_t>(n));
+            else
+                std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        }
+        std::ifstream children("/proc/" + std::to_string(pid) + "/task/" + std::to_string(pid) + "/children");
+        pid_t prompt = 0;
+        if (children >> prompt) run.promptUids = UserIdsOf(prompt);
+        ssize_t ignored = write(master, typed.data(), typed.size());
+        (void)ignored;
+    }
+    char buf[256];
+    for (ssize_t n; (n = read(results[0], buf, sizeof buf)) > 0;) run.result.append(buf, static_cast<std::size_t>(n));
+    close(results[0]);
+    waitpid(pid, nullptr, 0);
+    close(master);
+    return run;
+}
+
+TEST(AlertPanelOnTerminal, PromptsAsTheUserAndTakesOnlyTheAlternateLabelAsYes) {
+    ASSERT_EQ(geteuid(), 0u) << "this test needs root to prompt as another user";
+    TerminalRun yes = RunOnTerminal(true, kNobody, "Yes", "  yes \n");
+    EXPECT_EQ(yes.result, "alternate asked terminal");
+    EXPECT_THAT(yes.promptUids, ElementsAre(kNobody, kNobody, kNobody, kNobody));
+    // The escape sequence in the title reaches the terminal defused.
+    EXPECT_THAT(yes.screen, ::testing::HasSubstr("Quorvik?[2J"));
+    EXPECT_THAT(yes.screen, ::testing::HasSubstr("Do you really want to deinstall Quorvik?"));
+    EXPECT_THAT(yes.screen, ::testing::HasSubstr("(Yes / No, Return: No) "));
+
+    EXPECT_EQ(RunOnTerminal(true, kNobody, "Yes", "\n").result, "default asked terminal");
+    EXPECT_EQ(RunOnTerminal(true, kNobody, "Yes", "y\n").result, "default asked terminal");
+    EXPECT_EQ(RunOnTerminal(true, kNobody, "Yes", std::string(300, 'x') + "Yes\n").result, "default asked terminal");
+    EXPECT_EQ(RunOnTerminal(true, 0, std::nullopt, "\n").result, "default asked terminal");
+}
+
+TEST(AlertPanelOnTerminal, NoDisplayAndNoTerminalGivesTheDefault) {
+    EXPECT_EQ(RunOnTerminal(false, 0, "Yes", "").result, "default not asked no display and no terminal");
+}
+
+}  // namespace
+}  // namespace qvk::test
