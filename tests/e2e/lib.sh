@@ -19,8 +19,23 @@
 #                        exits with the status set by `tool_status`
 #
 # A scenario reads: one `scenario` line, its setup, one `launch`, then checks. Checks never stop
-# the file; every failed one is reported, and the file fails when any did or when it checked
-# nothing at all.
+# the file; every failed one is reported with the journal, the Launcher's output and its log
+# files, and the file fails when any did or when it checked nothing at all. A harness failure
+# (no root, no namespace, a setup step that fails) stops the file with a FAIL line.
+#
+#   scenario TITLE [--version X.Y.Z | --no-version]     fresh root (system version 10.6.8 by default)
+#   setup:   marker PATH [CONTENT]   put PATH [MODE [OWNER]] <TEXT   folder [--owner U:G] PATH...
+#            tool_status TOOL N   tool_output TOOL <TEXT   record_env NAME...   plug VENDOR PRODUCT
+#   run:     launch [--as user|root] [--env N=V] [--unset N] [--background] [--timeout S] [-- ARG...]
+#            wait_until_serving   wait_for_log FILE TEXT   wait_for_call TOOL ARG...   stop_launcher
+#            unplug NAME   e2e_wait_end S
+#   checks:  expect_status N   expect_line FILE LINE   expect_no_line FILE TEXT   expect_head FILE LINE...
+#            expect_no_logs   expect_file PATH   expect_no_file PATH   expect_no_files GLOB
+#            find_one VAR GLOB   expect_stamp STAMP BEFORE AFTER   expect_call [--where W] TOOL ARG...
+#            expect_calls N [--where W] TOOL ARG...   expect_no_call TOOL   expect_only_calls TOOL...
+#            expect_no_calls   snapshot + expect_unchanged   e2e_check DESCRIPTION COMMAND...
+#   values:  $APP $LAUNCHER_APP $EXE $USER_NAME $USER_ID $USER_HOME $PID $STATUS $PLUGGED $ROOT
+#            main_log   type_log TYPE   command_line   stamp   in_root COMMAND...
 
 set -u
 shopt -s nullglob
