@@ -11,8 +11,12 @@
 #include "framework/log/log.h"
 #include "framework/log/logging.h"
 #include "framework/privileges/secure_environment.h"
+#include "framework/privileges/setuid.h"
 #include "launcher/app_name.h"
+#include "launcher/confirm_uninstall.h"
+#include "launcher/strings.h"
 #include "launcher/usb_launcher.h"
+#include "platform/alert_panel.h"
 #include "platform/bundle.h"
 #include "platform/format.h"
 #include "platform/home.h"
@@ -27,15 +31,20 @@ int main(int argc, char** argv) {
     QVK_Framework_SecureEnvironment();
     // Pin the bundle's place now: a later move of the application must not change it.
     qvk::platform::Use<qvk::platform::Bundle>().MainBundlePath();
+    MyUser = QVK_Framework_HandleSetuid(argc, argv);
 
     QVK_Framework_BuildID_App = QVK_Framework_BuildID;
+    InitStrings();
     GetAppName();
     QVK_Framework_CreateGlobalMutex();
+    // Panels appear to the user the Launcher acts for.
+    qvk::platform::Use<qvk::platform::AlertPanel>().SharedApplication(MyUser);
 
     for (int i = 1; i < argc; ++i) {
         if (std::strcmp(argv[i], "--qvk-uninstall") == 0) {
             QVK_Framework_Log_Internal("main", "Main", 68, 5, "Found --qvk-uninstall");
-            // TODO(#4, #7): the question and the removal.
+            if (!ConfirmUninstall()) return 0;
+            // TODO(#7): Launcher_DeleteApp, Launcher_PerformCleanup with the own bundle, Launcher_ShowRestartMessage.
             return 0;
         }
         if (std::strcmp(argv[i], "--qvk-drivers-uninstall") == 0) {
