@@ -1,0 +1,171 @@
+// The USB launcher module with the real registry, run loop, preferences and launch, on a simulated
+// bus; only the shell, the clock, the home folder and the bundle's place are the test's own.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <filesystem>
+
+#include "../../unit/test_support.h"
+#include "launcher/launch.h"
+#include "launcher/usb_launcher.h"
+#include "platform/clock.h"
+#include "platform/property_list.h"
+#include "platform/run_loop.h"
+#include "platform/shell.h"
+#include "simulated_usb_bus.h"
+
+namespace qvk::test {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+const std::filesystem::path kSampleApp =
+    std::filesystem::path(__FILE__).parent_path() / "../../../sample/Quorvik Mobile Partner.app";
+constexpr const char* kPublish = "-[QVK_Framework_Port_Module_USBLauncher QVK_Framework_PortModule_Publish:]";
+
+class RecordingShell : public platform::Shell {
+public:
+    int System(const std::string& command) override {
+        commands.push_back(command);
+        return 0;
+    }
+    std::vector<std::string> commands;
+};
+
+// Each reading is `step` seconds after the previous one.
+class SteppingClock : public platform::Clock {
+public:
+    double Now() override { return now += step; }
+    double now = 0;
+    double step = 10;
+};
+
+class USBLauncherOnBus : public ::testing::Test {
+protected:
+    USBLauncherOnBus() {
+        std::filesystem::copy(kSampleApp, app, std::filesystem::copy_options::recursive);
+        std::filesystem::create_directories(app + "/Launcher.app");
+        ForgetPreviousLaunchForTesting();
+    }
+    ~USBLauncherOnBus() override {
+        MyModule.reset();
+        ForgetPreviousLaunchForTesting();
+    }
+
+    // As main does it; forgets what arming logged (one empty publish batch per dictionary).
+    void Start() {
+        ASSERT_TRUE(QVK_Framework_Use_USBLauncher());
+        QVK_Framework_Port_Module::Class::QVK_Framework_PortModule_Start();
+        logger.entries.clear();
+    }
+    bool Serve(const std::function<bool()>& done) { return platform::Use<platform::RunLoop>().RunUntil(done, 5.0); }
+    bool ServeUntilLaunches(std::size_t n) {
+        return Serve([&] { return shell.commands.size() >= n; });
+    }
+    // The launch requests, as LaunchMyApplication logs its call.
+    std::size_t Requests() const { return logger.MessagesOf("LaunchMyApplication").size() - Launches(); }
+    std::size_t Launches() const { return shell.commands.size(); }
+
+    SimulatedUsbBus bus;
+    TempDir dir;
+    std::string app = dir.path() + "/Quorvik Mobile Partner.app";
+    std::string open = "/usr/bin/open -a \"" + app + "\"";
+    CapturingLogger logger;
+    FakeBundle bundle{app + "/Launcher.app"};
+    FakeHome home{dir.path() + "/home"};
+    RecordingShell shell;
+    SteppingClock clock;
+    platform::Replace<platform::Bundle> useBundle{bundle};
+    platform::Replace<platform::Home> useHome{home};
+    platform::Replace<platform::Shell> useShell{shell};
+    platform::Replace<platform::Clock> useClock{clock};
+};
+
+TEST_F(USBLauncherOnBus, AModemPresentAtStartIsSeenWhileArmingAndLaunches) {
+    bus.Plug("modem", 0x12d1, 0x1001);
+    ASSERT_TRUE(QVK_Framework_Use_USBLauncher());
+    QVK_Framework_Port_Module::Class::QVK_Framework_PortModule_Start();
+    EXPECT_THAT(logger.MessagesOf(kPublish), ::testing::Contains("Vendor 0x12d1 Product 0x1001"))
+        << "delivered during the class start";
+    EXPECT_THAT(shell.commands, IsEmpty()) << "the launch waits for the run loop";
+    ASSERT_TRUE(ServeUntilLaunches(1));
+    EXPECT_THAT(shell.commands, ElementsAre(open));
+}
+
+TEST_F(USBLauncherOnBus, AModemPluggedInLaterLaunches) {
+    Start();
+    bus.Plug("modem", 0x19d2, 0x2000);
+    ASSERT_TRUE(ServeUntilLaunches(1));
+    EXPECT_THAT(shell.commands, ElementsAre(open));
+}
+
+TEST_F(USBLauncherOnBus, TwoModemsInOneBatchLaunchOnce) {
+    Start();
+    // The clock moves 10 s per reading, so a second request would launch: one launch means one request.
+    bus.Plug("one", 0x12d1, 0x1001);
+    bus.Plug("two", 0x12d1, 0x1001);
+    ASSERT_TRUE(ServeUntilLaunches(1));
+    // A later modem is the sign that everything before it was handled.
+    bus.Plug("later", 0x12d1, 0x1003);
+    ASSERT_TRUE(ServeUntilLaunches(2));
+    EXPECT_THAT(logger.MessagesOf(kPublish),
+                ElementsAre("<none>", "Vendor 0x12d1 Product 0x1001", "Vendor 0x12d1 Product 0x1001", "<none>",
+                            "Vendor 0x12d1 Product 0x1003"));
+}
+
+TEST_F(USBLauncherOnBus, TwoDifferentModemsAtOnceLaunchOnceThroughTheDebounce) {
+    clock.step = 0.1;
+    Start();
+    bus.Plug("one", 0x12d1, 0x1001);
+    bus.Plug("two", 0x19d2, 0x0031);
+    ASSERT_TRUE(Serve([&] { return Requests() == 2; }));
+    EXPECT_THAT(shell.commands, ElementsAre(open));
+}
+
+TEST_F(USBLauncherOnBus, AnUnknownPairDoesNotLaunch) {
+    Start();
+    bus.Plug("mouse", 0x046d, 0xc077);
+    bus.Plug("modem", 0x0af0, 0x6971);
+    ASSERT_TRUE(ServeUntilLaunches(1));
+    EXPECT_THAT(logger.MessagesOf(kPublish), ElementsAre("<none>", "Vendor 0x0af0 Product 0x6971"));
+    EXPECT_EQ(Requests(), 1u);
+}
+
+TEST_F(USBLauncherOnBus, AnUnpluggedModemIsDrainedWithoutALaunch) {
+    Start();
+    std::string modem = bus.Plug("modem", 0x12d1, 0x141b);
+    ASSERT_TRUE(ServeUntilLaunches(1));
+    for (int round = 2; round <= 3; ++round) {
+        bus.Unplug(modem);
+        modem = bus.Plug("modem" + std::to_string(round), 0x12d1, 0x141b);
+        ASSERT_TRUE(ServeUntilLaunches(round));
+    }
+    EXPECT_EQ(Requests(), 3u) << "removals ask for no launch";
+    EXPECT_EQ(logger.MessagesOf(kPublish).size(), 6u) << "removals reach no publish handler";
+}
+
+TEST_F(USBLauncherOnBus, PairsOfTheDeviceListFileAreWatched) {
+    Start();
+    bus.Plug("e100", 0x1e0e, 0x9001);
+    ASSERT_TRUE(ServeUntilLaunches(1));
+    bus.Plug("e220", 0x12d1, 0x141a);
+    ASSERT_TRUE(ServeUntilLaunches(2));
+    // The entry without "Vendor" names 0x1234 only as a product: nothing of it is watched.
+    bus.Plug("unnamed", 0x12d1, 0x1234);
+    bus.Plug("witness", 0x12d1, 0x14ac);
+    ASSERT_TRUE(ServeUntilLaunches(3));
+    EXPECT_EQ(Requests(), 3u);
+}
+
+TEST_F(USBLauncherOnBus, ThePreferenceZeroSuppressesTheLaunch) {
+    WriteFile(dir.path() + "/home/Library/Preferences/com.quorvik.MobilePartner.plist",
+              platform::XmlPropertyList(Value(Dictionary{{"QVK Run Launcher", Value(0)}})));
+    Start();
+    bus.Plug("modem", 0x12d1, 0x1001);
+    ASSERT_TRUE(Serve([&] { return Requests() == 1; }));
+    EXPECT_THAT(shell.commands, IsEmpty());
+}
+
+}  // namespace
+}  // namespace qvk::test
