@@ -161,7 +161,9 @@ struct Watch {
     }
 };
 
-class LinuxUsb final : public Usb {
+// Shared by the service and its ports, so that whichever ends last, at the end of the process too,
+// finds the other's state intact.
+class LinuxUsb final : public Usb, public std::enable_shared_from_this<LinuxUsb> {
 public:
     std::optional<Value> ServiceMatching(const char* className) override {
         if (!className) return std::nullopt;
@@ -204,7 +206,7 @@ public:
 
     bool AddNotification(LinuxNotificationPort* port, const char* type, const Value& matching,
                          ServiceMatchingCallback callback, void* refcon, IoIterator& iterator);
-    void ReleasePort(LinuxNotificationPort* port, const std::vector<IoIterator>& iterators);
+    void ReleasePort(const std::vector<IoIterator>& iterators);
     bool StartWatchingMonitor();
 
 private:
@@ -264,18 +266,18 @@ private:
 
 class LinuxNotificationPort final : public NotificationPort {
 public:
-    explicit LinuxNotificationPort(LinuxUsb& usb) : usb_(usb) {}
-    ~LinuxNotificationPort() override { usb_.ReleasePort(this, iterators_); }
+    explicit LinuxNotificationPort(std::shared_ptr<LinuxUsb> usb) : usb_(std::move(usb)) {}
+    ~LinuxNotificationPort() override { usb_->ReleasePort(iterators_); }
 
     bool AddSourceToMainRunLoop() override {
-        if (!usb_.StartWatchingMonitor()) return false;
+        if (!usb_->StartWatchingMonitor()) return false;
         scheduled_ = true;
         return true;
     }
 
     bool AddMatchingNotification(const char* type, const Value& matching, ServiceMatchingCallback callback,
                                  void* refcon, IoIterator& iterator) override {
-        if (!usb_.AddNotification(this, type, matching, callback, refcon, iterator)) return false;
+        if (!usb_->AddNotification(this, type, matching, callback, refcon, iterator)) return false;
         iterators_.push_back(iterator);
         return true;
     }
@@ -283,7 +285,7 @@ public:
     bool scheduled() const { return scheduled_; }
 
 private:
-    LinuxUsb& usb_;
+    std::shared_ptr<LinuxUsb> usb_;
     bool scheduled_ = false;
     std::vector<IoIterator> iterators_;
 };
@@ -314,7 +316,7 @@ std::unique_ptr<NotificationPort> LinuxUsb::NotificationPortCreate() {
         watch_ = std::move(watch);
     }
     ++ports_;
-    return std::make_unique<LinuxNotificationPort>(*this);
+    return std::make_unique<LinuxNotificationPort>(shared_from_this());
 }
 
 bool LinuxUsb::StartWatchingMonitor() {
@@ -354,7 +356,7 @@ bool LinuxUsb::AddNotification(LinuxNotificationPort* port, const char* type, co
     return true;
 }
 
-void LinuxUsb::ReleasePort(LinuxNotificationPort*, const std::vector<IoIterator>& iterators) {
+void LinuxUsb::ReleasePort(const std::vector<IoIterator>& iterators) {
     for (IoIterator iterator : iterators) RemoveNotification(iterator);
     if (--ports_ == 0) watch_.reset();
 }
@@ -409,8 +411,8 @@ void LinuxUsb::Fire(const std::vector<IoIterator>& touched) {
 
 template <>
 Usb& DefaultService<Usb>() {
-    static LinuxUsb usb;
-    return usb;
+    static std::shared_ptr<LinuxUsb> usb = std::make_shared<LinuxUsb>();
+    return *usb;
 }
 
 }  // namespace qvk::platform
