@@ -3,11 +3,13 @@
 #include <unistd.h>
 
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
 
 #include "framework/base/build_definitions.h"
 #include "framework/base/global_mutex.h"
 #include "framework/base/identity.h"
+#include "framework/drivers/load_drivers.h"
 #include "framework/log/log.h"
 #include "framework/log/logging.h"
 #include "framework/privileges/secure_environment.h"
@@ -25,6 +27,8 @@
 
 // The user the Launcher acts for.
 std::uint32_t MyUser = 0;
+// Set when the package was just moved: this run leaves the drivers alone.
+constexpr const char* InstallationMovedOption = "QUORVIKCRAP_INSTALLATIONMOVED";
 
 int main(int argc, char** argv) {
     QVK_Log_Internal("main", "Main", 42, 1, "NoneLaunch");
@@ -32,6 +36,7 @@ int main(int argc, char** argv) {
     // Pin the bundle's place now: a later move of the application must not change it.
     qvk::platform::Use<qvk::platform::Bundle>().MainBundlePath();
     MyUser = QVK_Framework_HandleSetuid(argc, argv);
+    bool installationMoved = std::getenv(InstallationMovedOption) != nullptr;
 
     QVK_Framework_BuildID_App = QVK_Framework_BuildID;
     InitStrings();
@@ -58,6 +63,7 @@ int main(int argc, char** argv) {
         qvk::Format("%@/.Quorvik-NoLaunch-Brisel", qvk::platform::Use<qvk::platform::Home>().HomeDirectory());
     if (access(marker.c_str(), F_OK) == 0) return 0;
 
+    if (!installationMoved) QVK_Framework_LoadDrivers(false, std::nullopt, nullptr);
     QVK_Framework_Use_USBLauncher();
     QVK_Framework_Port_Module::Class::QVK_Framework_PortModule_Start();
     qvk::platform::Use<qvk::platform::RunLoop>().Run();
