@@ -1,0 +1,77 @@
+# Driver loading at start: which folders' entries reach /sbin/kextload, and the owners and modes
+# left behind, inside the package and outside it.
+source "$(dirname "$0")/lib.sh"
+
+DRIVERS="$APP/Contents/Drivers"
+
+# A driver bundle owned by the user with tight modes, as an unpacked download leaves it.
+# Usage: user_driver PATH
+user_driver() {
+    echo "<plist/>" | put "$1/Contents/Info.plist" 0600 "$USER_ID:$USER_GID"
+    in_root /bin/sh -c 'chown "$2" "$1" "$1/Contents" && chmod 0700 "$1" "$1/Contents"' sh "$1" "$USER_ID:$USER_GID" ||
+        e2e_die "cannot make the driver $1"
+}
+
+# Mode and owner of PATH itself. Usage: expect_mode PATH "755 0:0"
+expect_mode() {
+    local got
+    got=$(in_root stat -c '%a %u:%g' -- "$1")
+    e2e_check "$1 is $2 (got $got)" [ "$got" = "$2" ]
+}
+
+# The loader's calls in journal order. Usage: expect_loaded PATH...
+expect_loaded() {
+    local got expected
+    got=$(sed -n 's#^/sbin/kextload \[\(.*\)\] | .*#\1#p' "$ROOT/.e2e/journal")
+    expected=$(printf '%s\n' "$@")
+    e2e_check "kextload ran for: $(printf '%s|' "$@")" [ "$got" = "$expected" ]
+}
+
+scenario "on 10.5.8 the x86 10_4 folders and the plain ones are loaded, three passes over" --version 10.5.8
+user_driver "$DRIVERS/Drivers-x86-10_4/Modem.kext"
+user_driver "$DRIVERS/Drivers-x86-10_4-Demand/Later.kext"
+user_driver "$DRIVERS/Drivers/Serial.kext"
+user_driver "$DRIVERS/Drivers-x86-10_3/Old.kext"
+user_driver "$DRIVERS/Drivers-ppc/Other.kext"
+launch --background
+wait_until_serving
+stop_launcher
+MODEM="$DRIVERS/Drivers-x86-10_4/Modem.kext" SERIAL="$DRIVERS/Drivers/Serial.kext"
+expect_loaded "$MODEM" "$SERIAL" "$MODEM" "$SERIAL" "$MODEM" "$SERIAL"
+expect_only_calls /sbin/kextload
+for driver in "$MODEM" "$DRIVERS/Drivers-x86-10_4-Demand/Later.kext" "$SERIAL"; do
+    expect_mode "$driver" "755 0:0"
+    expect_mode "$driver/Contents" "755 0:0"
+    expect_mode "$driver/Contents/Info.plist" "644 0:0"
+done
+expect_mode "$DRIVERS/Drivers-x86-10_3/Old.kext/Contents/Info.plist" "600 $USER_ID:$USER_GID"
+expect_mode "$DRIVERS/Drivers-ppc/Other.kext/Contents/Info.plist" "600 $USER_ID:$USER_GID"
+
+scenario "links are followed only inside the package; the loader runs as root"
+user_driver "$APP/Contents/Shared/Shared.kext"
+user_driver "$USER_HOME/Elsewhere.kext"
+echo secret | put /Library/Preferences/secret.plist 0600 0:0
+folder "$DRIVERS/Drivers"
+in_root ln -s ../../Shared/Shared.kext "$DRIVERS/Drivers/Inside.kext"
+in_root ln -s /Library/Preferences/secret.plist "$DRIVERS/Drivers/Secret.kext"
+in_root ln -s "$USER_HOME/Elsewhere.kext" "$DRIVERS/Drivers/Elsewhere.kext"
+marker /tmp/Quorvik-PleaseDoLog
+launch --background
+wait_until_serving
+stop_launcher
+expect_loaded "$DRIVERS/Drivers/Inside.kext" "$DRIVERS/Drivers/Inside.kext" "$DRIVERS/Drivers/Inside.kext"
+expect_calls 3 --where uid=0 /sbin/kextload "$DRIVERS/Drivers/Inside.kext"
+expect_mode "$APP/Contents/Shared/Shared.kext/Contents/Info.plist" "644 0:0"
+expect_mode /Library/Preferences/secret.plist "600 0:0"
+expect_mode "$USER_HOME/Elsewhere.kext" "700 $USER_ID:$USER_GID"
+expect_mode "$USER_HOME/Elsewhere.kext/Contents/Info.plist" "600 $USER_ID:$USER_GID"
+expect_line "$(main_log)" "Unknown: <date>: Drivers:171(Errors): QVK_Framework_SetDriverPermissions: \"$DRIVERS/Drivers/Secret.kext\" leads to \"/Library/Preferences/secret.plist\" outside \"$APP\"; left unchanged"
+expect_line "$(main_log)" "Unknown: <date>: Drivers:131(Trace): LoadDrivers: Executing \"/sbin/kextload \"$DRIVERS/Drivers/Inside.kext\"\""
+
+scenario "a just-moved installation leaves the drivers alone, even with an empty QUORVIKCRAP_INSTALLATIONMOVED"
+user_driver "$DRIVERS/Drivers/Serial.kext"
+launch --background --env QUORVIKCRAP_INSTALLATIONMOVED=
+wait_until_serving
+stop_launcher
+expect_no_call /sbin/kextload
+expect_mode "$DRIVERS/Drivers/Serial.kext/Contents/Info.plist" "600 $USER_ID:$USER_GID"
