@@ -33,7 +33,8 @@
 #            expect_no_logs   expect_file PATH   expect_no_file PATH   expect_no_files GLOB
 #            find_one VAR GLOB   expect_stamp STAMP BEFORE AFTER   expect_call [--where W] TOOL ARG...
 #            expect_calls N [--where W] TOOL ARG...   expect_no_call TOOL   expect_only_calls TOOL...
-#            expect_no_calls   snapshot + expect_unchanged   e2e_check DESCRIPTION COMMAND...
+#            expect_no_calls   expect_command_line ARG...   expect_user_ids REAL EFFECTIVE
+#            expect_mode PATH MODE UID:GID   snapshot + expect_unchanged   e2e_check DESCRIPTION COMMAND...
 #   values:  $APP $LAUNCHER_APP $EXE $USER_NAME $USER_ID $USER_HOME $PID $STATUS $PLUGGED $ROOT
 #            main_log   type_log TYPE   command_line   stamp   in_root COMMAND...
 
@@ -565,6 +566,26 @@ e2e_only_called() {
 }
 # The journal is empty: no tool was run.
 expect_no_calls() { e2e_check "no tool was run" [ ! -s "$ROOT/.e2e/journal" ]; }
+
+# The running Launcher's arguments, program path first. Usage: expect_command_line ARG...
+expect_command_line() {
+    local want got
+    want=$(printf '[%s]' "$@")
+    got=$(command_line)
+    e2e_check "runs as $want (got $got)" [ "$got" = "$want" ]
+}
+# The running Launcher's real and effective user ids. Usage: expect_user_ids REAL EFFECTIVE
+expect_user_ids() {
+    local label real effective
+    read -r label real effective _ < <(grep '^Uid:' "/proc/$PID/status")
+    e2e_check "real and effective user $1 $2 (got $real $effective)" [ "$real $effective" = "$1 $2" ]
+}
+# A file's mode (octal) and owner. Usage: expect_mode PATH MODE UID:GID
+expect_mode() {
+    local got
+    got=$(in_root stat -c '%a %u:%g' "$1")
+    e2e_check "$1 has mode $2 and owner $3 (got $got)" [ "$got" = "$2 $3" ]
+}
 
 # Records the Mac-shaped part of the file system (everything but /tmp); expect_unchanged compares.
 e2e_tree() {

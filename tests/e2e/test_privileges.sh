@@ -9,19 +9,19 @@ marker /tmp/Quorvik-PleaseDoLog
 folder "$LAUNCHER_APP/Contents/Resources/de.lproj" "$LAUNCHER_APP/Contents/Resources/fr.lproj"
 launch --background --env LANG=de_DE.UTF-8 -- --qvk-uninstallx
 wait_until_serving
-e2e_check "runs as: $(command_line)" [ "$(command_line)" = "[$EXE][--qvk-uninstallx][--uid][501][--lang][de]" ]
-e2e_check "its real and effective user are root" grep -qE '^Uid:\s+0\s+0\s' "/proc/$PID/status"
+expect_command_line "$EXE" --qvk-uninstallx --uid "$USER_ID" --lang de
+expect_user_ids 0 0
 stop_launcher
 expect_line "$(main_log)" "Unknown: <date>: $SETUID_SOURCE: uid: 0 euid: 0"
 expect_line "$(main_log)" 'Unknown: <date>: Strings:171(Trace): InitLocalizations: Localizations: (\n    de,\n    en\n)'
-e2e_check "the executable is set-user-id root again" [ "$(in_root stat -c '%a %u:%g' "$EXE")" = "4755 0:0" ]
+expect_mode "$EXE" 4755 0:0
 
 scenario "without the set-user-id bit the Launcher is not re-executed"
 marker /tmp/Quorvik-PleaseDoLog
 in_root chmod 0755 "$EXE"
 launch --background
 wait_until_serving
-e2e_check "runs as: $(command_line)" [ "$(command_line)" = "[$EXE]" ]
+expect_command_line "$EXE"
 stop_launcher
 expect_line "$(main_log)" "Unknown: <date>: $SETUID_SOURCE: uid: $USER_ID euid: $USER_ID"
 
@@ -29,6 +29,6 @@ scenario "before 10.6 the set-user-id start is not re-executed" --version 10.5.8
 marker /tmp/Quorvik-PleaseDoLog
 launch --background
 wait_until_serving
-e2e_check "runs as: $(command_line)" [ "$(command_line)" = "[$EXE]" ]
+expect_command_line "$EXE"
 stop_launcher
 expect_line "$(main_log)" "Unknown: <date>: $SETUID_SOURCE: uid: $USER_ID euid: 0"
