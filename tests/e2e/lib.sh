@@ -34,7 +34,7 @@
 #            find_one VAR GLOB   expect_stamp STAMP BEFORE AFTER   expect_call [--where W] TOOL ARG...
 #            expect_calls N [--where W] TOOL ARG...   expect_no_call TOOL   expect_only_calls TOOL...
 #            expect_no_calls   expect_command_line ARG...   expect_user_ids REAL EFFECTIVE
-#            expect_mode PATH MODE UID:GID   snapshot + expect_unchanged   e2e_check DESCRIPTION COMMAND...
+#            expect_mode PATH "MODE UID:GID"   snapshot + expect_unchanged   e2e_check DESCRIPTION COMMAND...
 #   values:  $APP $LAUNCHER_APP $EXE $USER_NAME $USER_ID $USER_HOME $PID $STATUS $PLUGGED $ROOT
 #            main_log   type_log TYPE   command_line   stamp   in_root COMMAND...
 
@@ -580,11 +580,11 @@ expect_user_ids() {
     read -r label real effective _ < <(grep '^Uid:' "/proc/$PID/status")
     e2e_check "real and effective user $1 $2 (got $real $effective)" [ "$real $effective" = "$1 $2" ]
 }
-# A file's mode (octal) and owner. Usage: expect_mode PATH MODE UID:GID
+# Mode (octal) and owner of PATH itself. Usage: expect_mode PATH "MODE UID:GID"
 expect_mode() {
     local got
-    got=$(in_root stat -c '%a %u:%g' "$1")
-    e2e_check "$1 has mode $2 and owner $3 (got $got)" [ "$got" = "$2 $3" ]
+    got=$(in_root stat -c '%a %u:%g' -- "$1")
+    e2e_check "$1 is $2 (got $got)" [ "$got" = "$2" ]
 }
 
 # Records the Mac-shaped part of the file system (everything but /tmp); expect_unchanged compares.

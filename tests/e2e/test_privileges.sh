@@ -14,7 +14,7 @@ expect_user_ids 0 0
 stop_launcher
 expect_line "$(main_log)" "Unknown: <date>: $SETUID_SOURCE: uid: 0 euid: 0"
 expect_line "$(main_log)" 'Unknown: <date>: Strings:171(Trace): InitLocalizations: Localizations: (\n    de,\n    en\n)'
-expect_mode "$EXE" 4755 0:0
+expect_mode "$EXE" "4755 0:0"
 
 scenario "without the set-user-id bit the Launcher is not re-executed"
 marker /tmp/Quorvik-PleaseDoLog
