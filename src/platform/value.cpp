@@ -113,7 +113,15 @@ bool Value::GetInteger(std::int64_t& out) const {
     } else if (auto i = std::get_if<std::int64_t>(&storage_)) {
         out = *i;
     } else if (auto d = std::get_if<double>(&storage_)) {
-        out = static_cast<std::int64_t>(*d);
+        // Truncated toward zero; NaN counts as 0 and values beyond the range stop at its ends.
+        if (std::isnan(*d))
+            out = 0;
+        else if (*d >= 9223372036854775807.0)
+            out = INT64_MAX;
+        else if (*d <= -9223372036854775808.0)
+            out = INT64_MIN;
+        else
+            out = static_cast<std::int64_t>(*d);
     } else {
         return false;
     }

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <cstdint>
 
 namespace qvk {
@@ -33,6 +34,17 @@ TEST(Format, NestedContainersKeepFoundationIndentation) {
     set.Add(Value("Foo"));
     set.Add(Value("Foo"));
     EXPECT_EQ(Value(set).Description(), "{(\n    Foo\n)}");
+}
+
+TEST(Value, RealsBecomeIntegersWithinRange) {
+    std::int64_t n = 1;
+    EXPECT_TRUE(Value(2.9).GetInteger(n));
+    EXPECT_EQ(n, 2);
+    EXPECT_TRUE(Value(std::nan("")).GetInteger(n));
+    EXPECT_EQ(n, 0);
+    EXPECT_TRUE(Value(1e300).GetInteger(n));
+    EXPECT_EQ(n, INT64_MAX);
+    EXPECT_FALSE(Value("7").GetInteger(n));
 }
 
 TEST(Format, TextThatIsNoConversionStands) {
