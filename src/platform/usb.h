@@ -65,6 +65,8 @@ public:
     // The service's registry property `key`: "idVendor" and "idProduct" as numbers, other
     // attributes as text; none when the service has no such property.
     virtual std::optional<Value> RegistryEntryCreateCFProperty(IoService service, const std::string& key) = 0;
+    // The service's path in the registry (on Linux its sysfs path); none for an unknown service.
+    virtual std::optional<std::string> RegistryEntryGetPath(IoService service) = 0;
 };
 
 }  // namespace qvk::platform

@@ -72,6 +72,11 @@ public:
         return properties[key];
     }
 
+    std::optional<std::string> RegistryEntryGetPath(platform::IoService service) override {
+        if (!properties_.count(service)) return std::nullopt;
+        return "/sys/devices/fake/" + std::to_string(service);
+    }
+
     // Whether the iterator still holds services.
     bool Pending(platform::IoIterator iterator) { return !iterators_[iterator].empty(); }
 

@@ -204,6 +204,12 @@ public:
         return Value(text);
     }
 
+    std::optional<std::string> RegistryEntryGetPath(IoService service) override {
+        auto it = services_.find(service);
+        if (it == services_.end()) return std::nullopt;
+        return it->second->syspath;
+    }
+
     bool AddNotification(LinuxNotificationPort* port, const char* type, const Value& matching,
                          ServiceMatchingCallback callback, void* refcon, IoIterator& iterator);
     void ReleasePort(const std::vector<IoIterator>& iterators);
