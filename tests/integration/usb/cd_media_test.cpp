@@ -1,0 +1,103 @@
+// Finding a modem's CD medium among the udev children of its USB device, on a simulated device
+// tree: the device, its interfaces, a SCSI host and target, and the block devices below.
+#include <gtest/gtest.h>
+#include <umockdev.h>
+
+#include "../../unit/test_support.h"
+#include "framework/eject/eject.h"
+#include "platform/io_registry.h"
+#include "platform/service.h"
+#include "platform/usb.h"
+
+namespace qvk::test {
+namespace {
+
+class Tree {
+public:
+    Tree() : testbed_(umockdev_testbed_new()) {}
+    ~Tree() { g_object_unref(testbed_); }
+
+    std::string Usb(const std::string& name, const char* product) {
+        return Add("usb", name, "", {"idVendor", "12d1", "idProduct", product}, {"DEVTYPE", "usb_device"});
+    }
+    std::string Add(const std::string& subsystem, const std::string& name, const std::string& parent,
+                    std::vector<std::string> attributes, std::vector<std::string> properties) {
+        std::vector<gchar*> a, p;
+        for (auto& s : attributes) a.push_back(s.data());
+        for (auto& s : properties) p.push_back(s.data());
+        a.push_back(nullptr);
+        p.push_back(nullptr);
+        gchar* path = umockdev_testbed_add_devicev(testbed_, subsystem.c_str(), name.c_str(),
+                                                   parent.empty() ? nullptr : parent.c_str(), a.data(), p.data());
+        EXPECT_TRUE(path) << name;
+        std::string syspath = path ? path : "";
+        g_free(path);
+        return syspath;
+    }
+
+private:
+    UMockdevTestbed* testbed_;
+};
+
+platform::IoRegistry& Registry() { return platform::Use<platform::IoRegistry>(); }
+
+TEST(CDMedia, TheCDMediumBelowAModemIsFoundDepthFirst) {
+    Tree tree;
+    std::string modem = tree.Usb("1-1", "1001");
+    std::string serial = tree.Add("usb", "1-1:1.0", modem, {}, {"DEVTYPE", "usb_interface"});
+    tree.Add("tty", "ttyUSB0", serial, {}, {});
+    std::string storage = tree.Add("usb", "1-1:1.1", modem, {}, {"DEVTYPE", "usb_interface"});
+    std::string host = tree.Add("scsi", "host3", storage, {}, {"DEVTYPE", "scsi_host"});
+    std::string lun0 = tree.Add("scsi", "3:0:0:0", host, {}, {"DEVTYPE", "scsi_device"});
+    tree.Add("block", "sdc", lun0, {}, {"DEVTYPE", "disk"});
+    std::string lun1 = tree.Add("scsi", "3:0:0:1", host, {}, {"DEVTYPE", "scsi_device"});
+    tree.Add("block", "sr1", lun1, {}, {"DEVTYPE", "disk", "ID_CDROM", "1"});
+    std::string plain = tree.Usb("1-2", "1002");
+    tree.Add("usb", "1-2:1.0", plain, {}, {"DEVTYPE", "usb_interface"});
+
+    platform::IoObject entry = Registry().RegistryEntryFromPath(modem);
+    ASSERT_NE(entry, 0u);
+    EXPECT_EQ(QVK_Framework_BSDNameForMedia(entry), "sr1");
+    platform::IoObject node = FindCDNode(entry);
+    ASSERT_NE(node, 0u);
+    EXPECT_TRUE(Registry().ObjectConformsTo(node, platform::kCDMediaClass));
+    Registry().ObjectRelease(node);
+    Registry().ObjectRelease(entry);
+
+    platform::IoObject other = Registry().RegistryEntryFromPath(plain);
+    EXPECT_EQ(QVK_Framework_BSDNameForMedia(other), std::nullopt) << "a device without a CD medium";
+    Registry().ObjectRelease(other);
+    EXPECT_EQ(Registry().RegistryEntryFromPath("/sys/devices/none"), 0u);
+
+    // The modem as the USB registry hands it to a port module leads to the same entry.
+    auto port = platform::Use<platform::Usb>().NotificationPortCreate();
+    ASSERT_TRUE(port);
+    platform::IoIterator iterator = 0;
+    Value matching(Dictionary{{platform::kProviderClassKey, Value(platform::kUsbDeviceClass)},
+                              {platform::kUsbVendorKey, Value(0x12d1)},
+                              {platform::kUsbProductKey, Value(0x1001)}});
+    ASSERT_TRUE(port->AddMatchingNotification(
+        platform::kPublishNotification, matching, [](void*, platform::IoIterator) {}, nullptr, iterator));
+    platform::IoService service = platform::Use<platform::Usb>().IteratorNext(iterator);
+    ASSERT_NE(service, 0u);
+    auto path = platform::Use<platform::Usb>().RegistryEntryGetPath(service);
+    ASSERT_TRUE(path);
+    platform::IoObject fromService = Registry().RegistryEntryFromPath(*path);
+    EXPECT_EQ(QVK_Framework_BSDNameForMedia(fromService), "sr1");
+    Registry().ObjectRelease(fromService);
+    platform::Use<platform::Usb>().ObjectRelease(service);
+}
+
+TEST(CDMedia, AnEntryThatIsGoneHasNoChildren) {
+    Tree tree;
+    std::string modem = tree.Usb("1-3", "1003");
+    platform::IoObject entry = Registry().RegistryEntryFromPath(modem);
+    ASSERT_NE(entry, 0u);
+    Registry().ObjectRelease(entry);
+    CapturingLogger logger;
+    EXPECT_EQ(FindCDNode(entry), 0u);
+    EXPECT_EQ(logger.MessagesOf("FindCDNode"), std::vector<std::string>{"Unable to get children: kIOReturnNoDevice"});
+}
+
+}  // namespace
+}  // namespace qvk::test
