@@ -21,7 +21,8 @@ public:
     // The mount listing as bytes, one line per mounted file system, in mount order:
     // "<device> on <mount point> (<type>, <options>)". None when it cannot be read whole.
     virtual std::optional<std::string> MountListing() = 0;
-    // The volume that holds `path`; none when the path does not lead to one.
+    // The volume mounted at `path` (symbolic links resolved); none when no volume is mounted
+    // there, so that a volume that went away never leads to the one that held its mount point.
     virtual std::optional<VolumeRef> VolumeForPath(const std::string& path) = 0;
     // Ejects the volume synchronously. On failure `dissenter` is a process that keeps the volume
     // busy, 0 when none is known.

@@ -127,6 +127,11 @@ TEST(EjectVolumeForReal, NamesTheProcessThatKeepsTheVolumeBusy) {
         MountTmpfs("/dev/qvkdisk5s1", busy);
         CapturingLogger logger;
 
+        // A folder on the volume is no mount point: nothing is ejected in its name.
+        std::filesystem::create_directory(busy + "/folder");
+        EXPECT_FALSE(QVK_Framework_EjectVolume(busy + "/folder"));
+        EXPECT_TRUE(Mounted(busy));
+
         pid_t inside = KeepBusy(busy, false);
         EXPECT_FALSE(QVK_Framework_EjectVolume(busy));
         Stop(inside);
@@ -137,7 +142,8 @@ TEST(EjectVolumeForReal, NamesTheProcessThatKeepsTheVolumeBusy) {
         EXPECT_FALSE(QVK_Framework_EjectVolume(dir.path() + "/missing"));
 
         EXPECT_THAT(EjectLines(logger),
-                    ElementsAre("Eject \"" + busy + "\" failed due to pid " + std::to_string(inside),
+                    ElementsAre("Eject \"" + busy + "/folder\" failed for unknown reason",
+                                "Eject \"" + busy + "\" failed due to pid " + std::to_string(inside),
                                 "Eject \"" + busy + "\" failed due to pid " + std::to_string(holding),
                                 "Eject \"" + busy + "\" succeeded",
                                 "Eject \"" + dir.path() + "/missing\" failed for unknown reason"));

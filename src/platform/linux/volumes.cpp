@@ -16,7 +16,6 @@
 #include <cerrno>
 #include <cstdio>
 #include <memory>
-#include <sstream>
 #include <string_view>
 #include <utility>
 #include <vector>
@@ -125,11 +124,6 @@ std::optional<std::vector<MountInfo>> ReadMountInfo() {
     return mounts;
 }
 
-bool Within(const std::string& path, const std::string& folder) {
-    if (folder == "/") return true;
-    return path.starts_with(folder) && (path.size() == folder.size() || path[folder.size()] == '/');
-}
-
 bool OnVolume(const std::string& path, std::uint64_t volume) {
     struct stat st {};
     return stat(path.c_str(), &st) == 0 && st.st_dev == volume;
@@ -193,13 +187,12 @@ public:
         std::string target = resolved.get();
         std::optional<std::vector<MountInfo>> mounts = ReadMountInfo();
         if (!mounts) return std::nullopt;
-        // The innermost mount that holds the path; of mounts on one place, the last one made.
-        const MountInfo* holder = nullptr;
+        // Of mounts on one place the last one made is the one seen there.
+        const MountInfo* mounted = nullptr;
         for (const MountInfo& m : *mounts)
-            if (Within(target, m.mountPoint) && (!holder || m.mountPoint.size() >= holder->mountPoint.size()))
-                holder = &m;
-        if (!holder) return std::nullopt;
-        return VolumeRef{holder->mountPoint, holder->source, holder->id};
+            if (m.mountPoint == target) mounted = &m;
+        if (!mounted) return std::nullopt;
+        return VolumeRef{mounted->mountPoint, mounted->source, mounted->id};
     }
 
     bool EjectVolumeSync(const VolumeRef& volume, std::uint32_t& dissenter) override {
