@@ -195,16 +195,6 @@ TEST_F(ConnectionDelete, TakesTheServiceOutOfTheCurrentSetAndEveryPlaceInItsOrde
                                     "UpdateServiceOrder"));
 }
 
-TEST_F(ConnectionDelete, UsesTheNameOfTheProjectsApplication) {
-    Dictionary root = NetworkPreferences();
-    At(root, {"Sets", "HOME", "Network", "Service"})["My_Phone-3"] = Dict({});
-    Write(root);
-    ApplicationName phone("My Phone");
-    QVK_Framework_Connection_Delete(3);
-    At(root, {"Sets", "HOME", "Network", "Service"}).erase("My_Phone-3");
-    EXPECT_EQ(Value(Read()), Value(root));
-}
-
 TEST_F(ConnectionDelete, AServiceMissingFromTheOrderIsStillTakenOutOfTheSet) {
     Dictionary root = NetworkPreferences();
     At(root, {"Sets", "HOME", "Network", "Global", "IPv4"})["ServiceOrder"] = Array{"ETH"};
@@ -286,17 +276,6 @@ TEST_F(ConnectionDelete, SettingsAreRefusedAndACallersReferenceIsNeitherLockedNo
                                           "Set /Sets/HOME/Network/Global/IPv4", "Apply", "Commit"));
     EXPECT_EQ(At(*Read().find("Sets")->second.AsDictionary(), {"HOME", "Network", "Service"}).count("Quorvik_Modem-1"),
               0u);
-}
-
-TEST_F(ConnectionDelete, AddingToTheOrderAppendsOnlyWhatIsMissing) {
-    Write(NetworkPreferences());
-    platform::SystemPreferencesFile file(path_);
-    auto prefs = file.Create("test");
-    ASSERT_TRUE(prefs);
-    EXPECT_EQ(UpdateServiceOrder(*prefs, true, "Quorvik_Modem-1"), 0);
-    EXPECT_EQ(UpdateServiceOrder(*prefs, true, "NEW"), 0);
-    EXPECT_EQ(prefs->PathGetValue("/Sets/HOME/Network/Global/IPv4")->at("ServiceOrder"),
-              Value(Array{"ETH", "Quorvik_Modem-1", "WIFI", "Quorvik_Modem-1", "NEW"}));
 }
 
 TEST(ConnectionRightsDeathTest, NeedsTheSuperUser) {
