@@ -103,10 +103,12 @@ TEST_F(Logging, SplitFilesAndTheConsoleUseTheShortLine) {
         QVK_Framework_Log_Internal("f2", "Src", 2, 2, nullptr);
     });
     close(slave);
+    // The child has ended: read all it wrote, up to the error that follows the last byte.
+    std::string written;
     char buf[4096];
-    ssize_t n = read(master, buf, sizeof buf);
+    for (ssize_t n; (n = read(master, buf, sizeof buf)) > 0;) written.append(buf, static_cast<std::size_t>(n));
     close(master);
-    auto console = Lines(n > 0 ? std::string(buf, static_cast<std::size_t>(n)) : "");
+    auto console = Lines(written);
     std::string date(kDate);
     ASSERT_EQ(console.size(), 3u);
     EXPECT_THAT(console[0], MatchesRegex("Unknown " + date + " Main 68 main: Found --qvk-uninstall\r?"));
