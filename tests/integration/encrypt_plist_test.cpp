@@ -51,10 +51,6 @@ TEST(EncryptPlistTool, RefusesWhatItCannotEncipher) {
     EXPECT_EQ(RunTool({"--product", dir.path() + "/missing.plist", dir.path() + "/out.bin"}), 1);
     EXPECT_FALSE(std::filesystem::exists(dir.path() + "/out.bin")) << "nothing is written for bad input";
     EXPECT_EQ(RunTool({"--other", text, dir.path() + "/out.bin"}), 2);
-    EXPECT_EQ(RunTool({text}), 2);
-    std::string list = dir.path() + "/list.plist";
-    WriteFile(list, platform::XmlPropertyList(Value(Array{})));
-    EXPECT_EQ(RunTool({"--common", list, dir.path() + "/no/such/folder/out.bin"}), 1);
 }
 
 }  // namespace

@@ -52,6 +52,9 @@ TEST(CDMedia, TheCDMediumBelowAModemIsFoundDepthFirst) {
     tree.Add("block", "sdc", lun0, {}, {"DEVTYPE", "disk"});
     std::string lun1 = tree.Add("scsi", "3:0:0:1", host, {}, {"DEVTYPE", "scsi_device"});
     tree.Add("block", "sr1", lun1, {}, {"DEVTYPE", "disk", "ID_CDROM", "1"});
+    // Nearer to the modem but later in order: a breadth-first search would take this one.
+    std::string later = tree.Add("usb", "1-1:1.2", modem, {}, {"DEVTYPE", "usb_interface"});
+    tree.Add("block", "sr0", later, {}, {"DEVTYPE", "disk", "ID_CDROM", "1"});
     std::string plain = tree.Usb("1-2", "1002");
     tree.Add("usb", "1-2:1.0", plain, {}, {"DEVTYPE", "usb_interface"});
 
@@ -63,6 +66,10 @@ TEST(CDMedia, TheCDMediumBelowAModemIsFoundDepthFirst) {
     EXPECT_TRUE(Registry().ObjectConformsTo(node, platform::kCDMediaClass));
     Registry().ObjectRelease(node);
     Registry().ObjectRelease(entry);
+
+    platform::IoObject nearer = Registry().RegistryEntryFromPath(later);
+    EXPECT_EQ(QVK_Framework_BSDNameForMedia(nearer), "sr0");
+    Registry().ObjectRelease(nearer);
 
     platform::IoObject other = Registry().RegistryEntryFromPath(plain);
     EXPECT_EQ(QVK_Framework_BSDNameForMedia(other), std::nullopt) << "a device without a CD medium";
