@@ -21,15 +21,6 @@ public:
     double now = 1000.0;
 };
 
-class RecordingShell : public platform::Shell {
-public:
-    int System(const std::string& command) override {
-        commands.push_back(command);
-        return 0;
-    }
-    std::vector<std::string> commands;
-};
-
 std::string InfoPlist(const std::string& identifier) {
     return "<plist version=\"1.0\"><dict><key>CFBundleIdentifier</key><string>" + identifier +
            "</string></dict></plist>";

@@ -22,15 +22,6 @@ using ::testing::ElementsAreArray;
 using ::testing::IsEmpty;
 using ::testing::UnorderedElementsAre;
 
-class RecordingShell : public platform::Shell {
-public:
-    int System(const std::string& command) override {
-        commands.push_back(command);
-        return 0;
-    }
-    std::vector<std::string> commands;
-};
-
 // "uid:gid mode" of the object itself, links not followed.
 std::string Of(const std::string& path) {
     struct stat status {};

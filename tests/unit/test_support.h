@@ -23,6 +23,7 @@
 #include "platform/gestalt.h"
 #include "platform/home.h"
 #include "platform/service.h"
+#include "platform/shell.h"
 
 namespace qvk::test {
 
@@ -77,6 +78,16 @@ inline void UsePrivateTmp() {
     ASSERT_EQ(mount("tmpfs", "/tmp", "tmpfs", 0, "mode=1777"), 0) << std::strerror(errno);
     done = true;
 }
+
+// Records the commands it is given instead of running them.
+class RecordingShell : public platform::Shell {
+public:
+    int System(const std::string& command) override {
+        commands.push_back(command);
+        return 0;
+    }
+    std::vector<std::string> commands;
+};
 
 class FakeHome : public platform::Home {
 public:

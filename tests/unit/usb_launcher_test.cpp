@@ -22,15 +22,6 @@ using ::testing::IsEmpty;
 const std::filesystem::path kSampleApp =
     std::filesystem::path(__FILE__).parent_path() / "../../sample/Quorvik Mobile Partner.app";
 
-class RecordingShell : public platform::Shell {
-public:
-    int System(const std::string& command) override {
-        commands.push_back(command);
-        return 0;
-    }
-    std::vector<std::string> commands;
-};
-
 class SteppingClock : public platform::Clock {
 public:
     double Now() override { return now += 10; }

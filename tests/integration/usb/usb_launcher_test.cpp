@@ -24,15 +24,6 @@ const std::filesystem::path kSampleApp =
     std::filesystem::path(__FILE__).parent_path() / "../../../sample/Quorvik Mobile Partner.app";
 constexpr const char* kPublish = "-[QVK_Framework_Port_Module_USBLauncher QVK_Framework_PortModule_Publish:]";
 
-class RecordingShell : public platform::Shell {
-public:
-    int System(const std::string& command) override {
-        commands.push_back(command);
-        return 0;
-    }
-    std::vector<std::string> commands;
-};
-
 // Each reading is 10 s after the previous one: the debounce never drops a request.
 class SteppingClock : public platform::Clock {
 public:
