@@ -16,6 +16,7 @@ namespace qvk::test {
 namespace {
 
 using ::testing::ElementsAre;
+using ::testing::HasSubstr;
 using ::testing::MatchesRegex;
 
 constexpr const char* kDate = "[0-9]{2}\\.[0-9]{2}\\. [0-9]{2}:[0-9]{2}:[0-9]{2}\\.[0-9]{3}";
@@ -26,17 +27,13 @@ protected:
         UsePrivateTmp();
         QVK_Framework_Project_Name = "Launcher";
         QVK_Framework_BuildID_App = nullptr;
+        ClearTmp();
+    }
+    static void ClearTmp() {
         for (const auto& entry : std::filesystem::directory_iterator("/tmp")) std::filesystem::remove_all(entry);
     }
     std::string Log(pid_t pid, const std::string& suffix = "") {
         return ReadFile("/tmp/Quorvik.Log." + std::to_string(pid) + suffix);
-    }
-    std::vector<std::string> TmpNames() {
-        std::vector<std::string> names;
-        for (const auto& entry : std::filesystem::directory_iterator("/tmp"))
-            names.push_back(entry.path().filename().string());
-        std::sort(names.begin(), names.end());
-        return names;
     }
     TempDir home_;
     FakeHome fakeHome_{home_.path()};
@@ -56,11 +53,16 @@ void LogSamples() {
     QVK_Framework_Log_Internal("fbad", "Src", 14, 5, "\xff%s", "x");
 }
 
-TEST_F(Logging, NothingIsWrittenWithoutTheMainMarker) {
+TEST_F(Logging, TheSplitMarkerAloneWritesNothingAndAHomeMarkerLogsToTmp) {
     RunInChild([] { LogSamples(); });
     WriteFile("/tmp/Quorvik-PleaseDoLog-Split", "");
     RunInChild([] { LogSamples(); });
-    EXPECT_THAT(TmpNames(), ElementsAre("Quorvik-PleaseDoLog-Split"));
+    EXPECT_THAT(FolderNames("/tmp"), ElementsAre("Quorvik-PleaseDoLog-Split"));
+
+    ClearTmp();
+    WriteFile(home_.path() + "/Quorvik-PleaseDoLog", "");
+    pid_t pid = RunInChild([] { QVK_Framework_Log_Internal("main", "Main", 68, 5, "x"); });
+    EXPECT_THAT(Log(pid), HasSubstr("main: x\n"));
 }
 
 TEST_F(Logging, CombinedFileHasTheHeaderAndOneLinePerEntry) {
@@ -82,13 +84,7 @@ TEST_F(Logging, CombinedFileHasTheHeaderAndOneLinePerEntry) {
     EXPECT_THAT(lines[10], MatchesRegex(".*: Src:13\\(Invalid\\): fneg: negative"));
     EXPECT_THAT(lines[11], MatchesRegex(".*: Src:14\\(Trace\\): fbad: Error while making log message"));
     // The per-type files need the split marker.
-    EXPECT_THAT(TmpNames(), ElementsAre("Quorvik-PleaseDoLog", "Quorvik.Log." + std::to_string(pid)));
-}
-
-TEST_F(Logging, MarkerInTheHomeFolderStillLogsToTmp) {
-    WriteFile(home_.path() + "/Quorvik-PleaseDoLog", "");
-    pid_t pid = RunInChild([] { QVK_Framework_Log_Internal("main", "Main", 68, 5, "x"); });
-    EXPECT_THAT(Log(pid), ::testing::HasSubstr("main: x\n"));
+    EXPECT_THAT(FolderNames("/tmp"), ElementsAre("Quorvik-PleaseDoLog", "Quorvik.Log." + std::to_string(pid)));
 }
 
 TEST_F(Logging, SplitFilesAndTheConsoleUseTheShortLine) {
@@ -129,22 +125,17 @@ TEST_F(Logging, CustomLoggerAloneGetsEntriesButNoFileOrConsole) {
         CapturingLogger logger;
         QVK_Framework_Log_Internal("main", "Main", 68, 5, "one\ntwo");
         QVK_Framework_Log_Internal("f", "Src", 9, 2, nullptr);
-        ASSERT_EQ(logger.entries.size(), 2u);
-        EXPECT_EQ(logger.entries[0].message, "one\\ntwo");
-        EXPECT_EQ(logger.entries[0].type, "Trace");
-        EXPECT_EQ(logger.entries[0].file, "Main");
-        EXPECT_EQ(logger.entries[0].line, 68u);
-        EXPECT_EQ(logger.entries[1].message, std::nullopt);
-        EXPECT_EQ(logger.entries[1].type, "Errors");
+        EXPECT_THAT(logger.LogLines(), ElementsAre("Main:68(Trace): main: one\\ntwo", "Src:9(Errors): f"));
     });
-    EXPECT_TRUE(TmpNames().empty());
+    EXPECT_TRUE(FolderNames("/tmp").empty());
     // With the split marker the per-type files are written too, still without a combined file.
     WriteFile("/tmp/Quorvik-PleaseDoLog-Split", "");
     pid = RunInChild([] {
         CapturingLogger logger;
         QVK_Framework_Log_Internal("main", "Main", 68, 5, "x");
     });
-    EXPECT_THAT(TmpNames(), ElementsAre("Quorvik-PleaseDoLog-Split", "Quorvik.Log." + std::to_string(pid) + ".Trace"));
+    EXPECT_THAT(FolderNames("/tmp"),
+                ElementsAre("Quorvik-PleaseDoLog-Split", "Quorvik.Log." + std::to_string(pid) + ".Trace"));
 }
 
 TEST_F(Logging, AForkedChildReopensOnlyTheFirstFileItChecks) {
@@ -162,13 +153,13 @@ TEST_F(Logging, AForkedChildReopensOnlyTheFirstFileItChecks) {
     });
     std::string childId = ReadFile("/tmp/child");
     // The child's own files: only the per-type file of its first entry.
-    EXPECT_THAT(Log(std::stoi(childId), ".Errors"), ::testing::HasSubstr("c: child error"));
+    EXPECT_THAT(Log(std::stoi(childId), ".Errors"), HasSubstr("c: child error"));
     EXPECT_FALSE(std::filesystem::exists("/tmp/Quorvik.Log." + childId));
     EXPECT_FALSE(std::filesystem::exists("/tmp/Quorvik.Log." + childId + ".Trace"));
     // Everything else went on into the parent's files.
-    EXPECT_THAT(Log(parent), ::testing::HasSubstr("c: child error"));
-    EXPECT_THAT(Log(parent), ::testing::HasSubstr("c: child trace"));
-    EXPECT_THAT(Log(parent, ".Trace"), ::testing::HasSubstr("c: child trace"));
+    EXPECT_THAT(Log(parent), HasSubstr("c: child error"));
+    EXPECT_THAT(Log(parent), HasSubstr("c: child trace"));
+    EXPECT_THAT(Log(parent, ".Trace"), HasSubstr("c: child trace"));
 }
 
 TEST_F(Logging, PlantedLinksAndHardLinksAreNotWrittenThrough) {
@@ -210,7 +201,7 @@ std::string OnlyFileLike(const std::string& folder, const std::string& prefix, c
     return found;
 }
 
-TEST_F(Logging, DepthLoggerWritesTheTypesOfItsMask) {
+TEST_F(Logging, DepthLoggerWritesTheTypesOfItsMaskOnly) {
     WriteFile("/tmp/Quorvik-DoLog", "255 and the rest is ignored");
     RunInChild([] { LogDepthSamples(); });
     std::string path = OnlyFileLike("/tmp", "Quorvik.", ".log");
@@ -224,21 +215,21 @@ TEST_F(Logging, DepthLoggerWritesTheTypesOfItsMask) {
     EXPECT_THAT(lines[5], MatchesRegex(date + " Unknown Src:7 Dlf two"));
     EXPECT_EQ(lines[6], "lines");
     EXPECT_THAT(lines[7], MatchesRegex(date + " Unknown Src:8 \\?\\?g"));
-}
 
-TEST_F(Logging, DepthMaskSelectsAndTextWithoutNumberDisables) {
+    ClearTmp();
     WriteFile("/tmp/Quorvik-DoLog", "4");
     RunInChild([] { LogDepthSamples(); });
-    auto lines = Lines(ReadFile(OnlyFileLike("/tmp", "Quorvik.", ".log")));
+    lines = Lines(ReadFile(OnlyFileLike("/tmp", "Quorvik.", ".log")));
     ASSERT_EQ(lines.size(), 6u);
-    EXPECT_THAT(lines[4], ::testing::HasSubstr(" Dlf two"));
+    EXPECT_THAT(lines[4], HasSubstr(" Dlf two"));
 
-    for (const auto& entry : std::filesystem::directory_iterator("/tmp")) std::filesystem::remove_all(entry);
+    // A text without a number switches the depth logger off: the header alone.
+    ClearTmp();
     WriteFile("/tmp/Quorvik-DoLog", "all");
     RunInChild([] { LogDepthSamples(); });
-    auto header = Lines(ReadFile(OnlyFileLike("/tmp", "Quorvik.", ".log")));
-    EXPECT_EQ(header.size(), 4u);
-    EXPECT_EQ(header[2], "System version 00001058 | Log Depth 0");
+    lines = Lines(ReadFile(OnlyFileLike("/tmp", "Quorvik.", ".log")));
+    ASSERT_EQ(lines.size(), 4u);
+    EXPECT_EQ(lines[2], "System version 00001058 | Log Depth 0");
 }
 
 TEST_F(Logging, DepthMarkerInTheHomeFolderWritesThereWithoutHeader) {

@@ -7,6 +7,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -15,11 +16,13 @@
 #include <fstream>
 #include <iterator>
 #include <optional>
+#include <sstream>
 #include <string>
 #include <vector>
 
 #include "framework/log/logging.h"
 #include "platform/bundle.h"
+#include "platform/format.h"
 #include "platform/gestalt.h"
 #include "platform/home.h"
 #include "platform/service.h"
@@ -57,14 +60,18 @@ inline void WriteFile(const std::string& path, const std::string& text) {
 
 inline std::vector<std::string> Lines(const std::string& text) {
     std::vector<std::string> lines;
-    std::size_t start = 0;
-    while (start < text.size()) {
-        std::size_t end = text.find('\n', start);
-        if (end == std::string::npos) end = text.size();
-        lines.push_back(text.substr(start, end - start));
-        start = end + 1;
-    }
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);) lines.push_back(line);
     return lines;
+}
+
+// The names in a folder, sorted.
+inline std::vector<std::string> FolderNames(const std::string& folder) {
+    std::vector<std::string> names;
+    for (const auto& entry : std::filesystem::directory_iterator(folder))
+        names.push_back(entry.path().filename().string());
+    std::sort(names.begin(), names.end());
+    return names;
 }
 
 // Gives this test process a /tmp of its own, so log markers and log files of one test never meet
@@ -154,15 +161,19 @@ public:
             if (e.function == function) out.push_back(e.message.value_or("<none>"));
         return out;
     }
+    // The entries as the combined log file writes them, without the date.
+    std::vector<std::string> LogLines() const {
+        std::vector<std::string> out;
+        for (const auto& e : entries)
+            out.push_back(Format("%@:%u(%@): %@", e.file, e.line, e.type, e.function) +
+                          (e.message ? ": " + *e.message : ""));
+        return out;
+    }
     std::vector<Entry> entries;
 
 private:
     bool perform_;
 };
-
-}  // namespace qvk::test
-
-namespace qvk::test {
 
 // Runs `body` in a forked child with the process's state as it is now, and gives the child's
 // process id once it ended; a failed expectation in the child fails the test.
