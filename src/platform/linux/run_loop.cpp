@@ -45,9 +45,14 @@ public:
         g_idle_add_full(G_PRIORITY_DEFAULT, RunOnce, std::make_unique<Work>(std::move(work)).release(), DestroyWork);
     }
 
+    // Always through a source: g_main_context_invoke would run the work on the calling thread
+    // whenever the main thread does not hold the context at that moment.
     void PerformOnMainThread(Work work) override {
-        g_main_context_invoke_full(nullptr, G_PRIORITY_DEFAULT, RunOnce,
-                                   std::make_unique<Work>(std::move(work)).release(), DestroyWork);
+        GSource* source = g_idle_source_new();
+        g_source_set_priority(source, G_PRIORITY_DEFAULT);
+        g_source_set_callback(source, RunOnce, std::make_unique<Work>(std::move(work)).release(), DestroyWork);
+        g_source_attach(source, g_main_context_default());
+        g_source_unref(source);
     }
 };
 
