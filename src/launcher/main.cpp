@@ -16,7 +16,11 @@
 #include "framework/privileges/setuid.h"
 #include "launcher/app_name.h"
 #include "launcher/confirm_uninstall.h"
+#include "launcher/delete_app.h"
+#include "launcher/drivers_cleanup.h"
+#include "launcher/my_user.h"
 #include "launcher/strings.h"
+#include "launcher/uninstall.h"
 #include "launcher/usb_launcher.h"
 #include "platform/alert_panel.h"
 #include "platform/bundle.h"
@@ -25,8 +29,6 @@
 #include "platform/run_loop.h"
 #include "platform/service.h"
 
-// The user the Launcher acts for.
-std::uint32_t MyUser = 0;
 // Set when the package was just moved: this run leaves the drivers alone.
 constexpr const char* InstallationMovedOption = "QUORVIKCRAP_INSTALLATIONMOVED";
 
@@ -49,12 +51,14 @@ int main(int argc, char** argv) {
         if (std::strcmp(argv[i], "--qvk-uninstall") == 0) {
             QVK_Framework_Log_Internal("main", "Main", 68, 5, "Found --qvk-uninstall");
             if (!ConfirmUninstall()) return 0;
-            // TODO(#7): Launcher_DeleteApp, Launcher_PerformCleanup with the own bundle, Launcher_ShowRestartMessage.
+            Launcher_DeleteApp();
+            Launcher_PerformCleanup(true, qvk::platform::Use<qvk::platform::Bundle>().MainBundlePath());
+            Launcher_ShowRestartMessage();
             return 0;
         }
         if (std::strcmp(argv[i], "--qvk-drivers-uninstall") == 0) {
             QVK_Framework_Log_Internal("main", "Main", 79, 5, "BRISEL Found --qvk-uninstall");
-            // TODO(#7): the drivers' removal.
+            Launcher_DriversCleanup();
             return 0;
         }
     }
