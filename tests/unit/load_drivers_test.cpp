@@ -21,13 +21,7 @@ using ::testing::ElementsAre;
 using ::testing::ElementsAreArray;
 using ::testing::IsEmpty;
 using ::testing::UnorderedElementsAre;
-
-// "uid:gid mode" of the object itself, links not followed.
-std::string Of(const std::string& path) {
-    struct stat status {};
-    EXPECT_EQ(lstat(path.c_str(), &status), 0) << path;
-    return Format("%u:%u %o", status.st_uid, status.st_gid, status.st_mode & 07777);
-}
+using ::testing::UnorderedElementsAreArray;
 
 const std::string kUserFolder = "1234:1234 700", kUserFile = "1234:1234 600";
 const std::string kRootFolder = "0:0 755", kRootFile = "0:0 644";
@@ -51,7 +45,7 @@ void GiveToUser(const std::string& path) {
 void ExpectTree(const std::string& path, const std::string& folder, const std::string& file) {
     ForTree(path, [&](const fs::path& p) {
         if (!fs::is_symlink(p)) {
-            EXPECT_EQ(Of(p), fs::is_directory(p) ? folder : file) << p;
+            EXPECT_EQ(OwnerAndMode(p), fs::is_directory(p) ? folder : file) << p;
         }
     });
 }
@@ -70,11 +64,6 @@ class DriverLoading : public ::testing::Test {
 protected:
     void SetUp() override { ASSERT_EQ(geteuid(), 0u) << "these tests change owners and need root"; }
 
-    void UseVersion(std::uint32_t version) {
-        useGestalt.reset();
-        gestalt.emplace(version);
-        useGestalt.emplace(*gestalt);
-    }
     void Forget() {
         logger.entries.clear();
         shell.commands.clear();
@@ -114,8 +103,8 @@ protected:
     std::string drivers = app + "/Contents/Drivers";
     FakeBundle bundle{app + "/Launcher.app"};
     platform::Replace<platform::Bundle> useBundle{bundle};
-    std::optional<FakeGestalt> gestalt{0x1058};
-    std::optional<platform::Replace<platform::Gestalt>> useGestalt{std::in_place, *gestalt};
+    FakeGestalt gestalt{0x1058};
+    platform::Replace<platform::Gestalt> useGestalt{gestalt};
     RecordingShell shell;
     platform::Replace<platform::Shell> useShell{shell};
     CapturingLogger logger;
@@ -128,6 +117,9 @@ TEST_F(DriverLoading, WalksTheBestReleaseThenTheGeneralFoldersThreeTimesAndLoads
     std::string stray = drivers + "/Drivers/stray.txt";
     WriteFile(stray, "not a driver, loaded all the same");
     GiveToUser(stray);
+    // Paths that could leave the loader's quotes are refused, and the walk goes on.
+    std::string quote = Driver(drivers + "/Drivers/Bad\"$(touch pwned).kext");
+    std::string backslash = Driver(drivers + "/Drivers/Back\\slash.kext");
 
     QVK_Framework_LoadDrivers(false, std::nullopt, nullptr);
 
@@ -137,16 +129,12 @@ TEST_F(DriverLoading, WalksTheBestReleaseThenTheGeneralFoldersThreeTimesAndLoads
     EXPECT_THAT(searched,
                 ElementsAre(drivers + "/Drivers-10_5", drivers + "/Drivers-x86-10_5", drivers + "/Drivers-ppc-10_5",
                             drivers + "/Drivers-10_4", drivers + "/Drivers-x86-10_4"));
-    EXPECT_THAT(Walked(), ElementsAreArray(ThreeTimes({
-                              "DriverDir Drivers-x86-10_4 Filter (null)",
-                              "DriverDir Drivers-x86-10_4-Demand Filter (null)",
-                              "DriverDir Drivers-10_4 Filter (null)",
-                              "DriverDir Drivers-10_4-Demand Filter (null)",
-                              "DriverDir Drivers-x86 Filter (null)",
-                              "DriverDir Drivers-x86-Demand Filter (null)",
-                              "DriverDir Drivers Filter (null)",
-                              "DriverDir Drivers-Demand Filter (null)",
-                          })));
+    EXPECT_THAT(Walked(),
+                ElementsAreArray(ThreeTimes(
+                    {"DriverDir Drivers-x86-10_4 Filter (null)", "DriverDir Drivers-x86-10_4-Demand Filter (null)",
+                     "DriverDir Drivers-10_4 Filter (null)", "DriverDir Drivers-10_4-Demand Filter (null)",
+                     "DriverDir Drivers-x86 Filter (null)", "DriverDir Drivers-x86-Demand Filter (null)",
+                     "DriverDir Drivers Filter (null)", "DriverDir Drivers-Demand Filter (null)"})));
     std::vector<std::string> pass = Loaded();
     ASSERT_EQ(pass.size(), 9u);
     pass.resize(3);
@@ -154,6 +142,10 @@ TEST_F(DriverLoading, WalksTheBestReleaseThenTheGeneralFoldersThreeTimesAndLoads
     EXPECT_THAT(std::vector<std::string>(pass.begin() + 1, pass.end()), UnorderedElementsAre(general, stray));
     EXPECT_THAT(Loaded(), ElementsAreArray(ThreeTimes(pass)));
     EXPECT_EQ(Messages("LoadDrivers")[1], "Executing \"/sbin/kextload \"" + specific + "\"\"");
+    EXPECT_THAT(
+        Messages("LoadDrivers", "Errors"),
+        UnorderedElementsAreArray(ThreeTimes({"Not loading \"" + quote + "\": the path cannot be quoted",
+                                              "Not loading \"" + backslash + "\": the path cannot be quoted"})));
     // Demand drivers get owner and modes too.
     for (const std::string& d : {specific, onDemand, general, stray}) ExpectTree(d, kRootFolder, kRootFile);
 }
@@ -161,8 +153,11 @@ TEST_F(DriverLoading, WalksTheBestReleaseThenTheGeneralFoldersThreeTimesAndLoads
 TEST_F(DriverLoading, ReleaseSearchStepsDownAcrossMajorReleasesAndStopsAt10_3) {
     // 11.0 steps down to 10.15; the major part is printed in hexadecimal.
     Driver(drivers + "/Drivers-10_15/A.kext");
-    UseVersion(0x1100);
-    QVK_Framework_LoadDrivers(false, std::nullopt, nullptr);
+    {
+        FakeGestalt bigSur{0x1100};
+        platform::Replace<platform::Gestalt> use(bigSur);
+        QVK_Framework_LoadDrivers(false, std::nullopt, nullptr);
+    }
     std::vector<std::string> searched = Messages("GetDriverPath");
     searched.resize(4);
     EXPECT_THAT(searched, ElementsAre(drivers + "/Drivers-11_0", drivers + "/Drivers-x86-11_0",
@@ -173,7 +168,6 @@ TEST_F(DriverLoading, ReleaseSearchStepsDownAcrossMajorReleasesAndStopsAt10_3) {
     Forget();
     fs::remove_all(drivers);
     Driver(drivers + "/Drivers-ppc-10_4/B.kext");
-    UseVersion(0x1058);
     QVK_Framework_LoadDrivers(false, std::nullopt, nullptr);
     EXPECT_EQ(Walked()[0], "DriverDir Drivers-x86-10_4 Filter (null)");
 
@@ -185,12 +179,9 @@ TEST_F(DriverLoading, ReleaseSearchStepsDownAcrossMajorReleasesAndStopsAt10_3) {
     std::vector<std::string> all = Messages("GetDriverPath");
     EXPECT_EQ(all[8], drivers + "/Drivers-ppc-10_3");
     EXPECT_EQ(all[9], drivers + "/Drivers-x86");
-    EXPECT_THAT(Walked(), ElementsAreArray(ThreeTimes({
-                              "DriverDir Drivers-x86 Filter (null)",
-                              "DriverDir Drivers-x86-Demand Filter (null)",
-                              "DriverDir Drivers Filter (null)",
-                              "DriverDir Drivers-Demand Filter (null)",
-                          })));
+    EXPECT_THAT(Walked(), ElementsAreArray(ThreeTimes(
+                              {"DriverDir Drivers-x86 Filter (null)", "DriverDir Drivers-x86-Demand Filter (null)",
+                               "DriverDir Drivers Filter (null)", "DriverDir Drivers-Demand Filter (null)"})));
     EXPECT_THAT(shell.commands, IsEmpty());
 }
 
@@ -249,20 +240,6 @@ TEST_F(DriverLoading, ProbeModeChangesNothingAndInstallerModePrintsInsteadOfLoad
     ExpectTree(drivers, kUserFolder, kUserFile);
 }
 
-TEST_F(DriverLoading, PathsThatWouldLeaveTheQuotesAreRefusedAndTheWalkGoesOn) {
-    std::string good = Driver(drivers + "/Drivers/Good.kext");
-    std::string quote = Driver(drivers + "/Drivers/Bad\"$(touch pwned).kext");
-    std::string backslash = Driver(drivers + "/Drivers/Back\\slash.kext");
-
-    QVK_Framework_LoadDrivers(false, std::nullopt, nullptr);
-
-    EXPECT_THAT(Loaded(), ElementsAre(good, good, good));
-    std::vector<std::string> errors = Messages("LoadDrivers", "Errors");
-    EXPECT_EQ(errors.size(), 6u);
-    EXPECT_EQ(Count(errors, "Not loading \"" + quote + "\": the path cannot be quoted"), 3);
-    EXPECT_EQ(Count(errors, "Not loading \"" + backslash + "\": the path cannot be quoted"), 3);
-}
-
 TEST_F(DriverLoading, LinksAreFollowedOnlyWhileTheyStayInsideThePackage) {
     TempDir outside;
     std::string secret = outside.path() + "/secret";
@@ -288,7 +265,7 @@ TEST_F(DriverLoading, LinksAreFollowedOnlyWhileTheyStayInsideThePackage) {
     EXPECT_THAT(Loaded(), ElementsAre(inside, inside, inside));
     ExpectTree(shared, kRootFolder, kRootFile);
     ExpectTree(loop, kRootFolder, kRootFile);
-    EXPECT_EQ(Of(secret), kUserFile);
+    EXPECT_EQ(OwnerAndMode(secret), kUserFile);
     ExpectTree(outsideFolder, kUserFolder, kUserFile);
     std::vector<std::string> errors = Messages("QVK_Framework_SetDriverPermissions", "Errors");
     EXPECT_EQ(Count(errors, "\"" + drivers + "/Drivers/File.kext\" leads to \"" + fs::canonical(secret).string() +
@@ -306,20 +283,20 @@ TEST_F(DriverLoading, PermissionsStopAtTheFirstEntryThatCannotBeFixed) {
     GiveToUser(folder);
 
     EXPECT_FALSE(QVK_Framework_SetDriverPermissions(folder));
-    EXPECT_EQ(Of(folder), kRootFolder);
+    EXPECT_EQ(OwnerAndMode(folder), kRootFolder);
     bool beforeFailure = true;
     for (const auto& entry : fs::directory_iterator(folder)) {
         if (entry.path().filename() == "dangling")
             beforeFailure = false;
         else
-            EXPECT_EQ(Of(entry.path()), beforeFailure ? kRootFile : kUserFile) << entry.path();
+            EXPECT_EQ(OwnerAndMode(entry.path()), beforeFailure ? kRootFile : kUserFile) << entry.path();
     }
     fs::remove(folder + "/dangling");
     EXPECT_TRUE(QVK_Framework_SetDriverPermissions(folder));
     ExpectTree(folder, kRootFolder, kRootFile);
     // Paths outside the application folder are refused, not only links.
     EXPECT_FALSE(QVK_Framework_SetDriverPermissions(temp.path()));
-    EXPECT_EQ(Of(temp.path()), "0:0 700");
+    EXPECT_EQ(OwnerAndMode(temp.path()), "0:0 700");
 }
 
 TEST_F(DriverLoading, GetPathLooksInTheLauncherBundleAndPrefersGeneralFoldersToOlderReleases) {

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <sched.h>
 #include <sys/mount.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -72,6 +73,13 @@ inline std::vector<std::string> FolderNames(const std::string& folder) {
         names.push_back(entry.path().filename().string());
     std::sort(names.begin(), names.end());
     return names;
+}
+
+// "uid:gid mode" of the object itself, links not followed.
+inline std::string OwnerAndMode(const std::string& path) {
+    struct stat status {};
+    EXPECT_EQ(lstat(path.c_str(), &status), 0) << path;
+    return Format("%u:%u %o", status.st_uid, status.st_gid, status.st_mode & 07777);
 }
 
 // Gives this test process a /tmp of its own, so log markers and log files of one test never meet
