@@ -89,18 +89,6 @@ expect_file "$EXE"
 expect_trashed_data
 expect_line "$(main_log)" "Unknown: <date>: Main:79(Trace): main: BRISEL Found --qvk-uninstall"
 
-scenario "without a marked driver no cache is touched and nothing is run"
-driver Foreign.kext "/Applications/Other.app/Contents/Foreign.kext"
-driver X.kext "$APP"
-caches
-user_data
-launch -- --qvk-drivers-uninstall
-expect_status 0
-expect_no_calls
-for cache in "${CACHES[@]}"; do expect_file "$cache"; done
-expect_file "$EXTENSIONS/X.kext/Quorvik Source"
-expect_trashed_data
-
 scenario "metacharacters: a driver path that cannot be quoted runs no command and is logged; the rest runs to its end"
 marker /tmp/Quorvik-PleaseDoLog
 BAD_APP='/Applications/Quorvik "$(touch pwned)" `touch pwned`.app'

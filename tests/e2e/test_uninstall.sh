@@ -198,13 +198,6 @@ expect_status 0
 for gone in "$APP" "${NEW_RECEIPTS[@]}" "$OLD_RECEIPT"; do expect_no_file "$gone"; done
 expect_calls 1 "${RESTART[@]}"
 
-scenario "on 10.5.0 only the old receipt scheme goes" --version 10.5.0
-installed_package
-launch --env DISPLAY=:5 -- --qvk-uninstall
-expect_status 0
-expect_no_file "$OLD_RECEIPT"
-for kept in "${NEW_RECEIPTS[@]}"; do expect_file "$kept"; done
-
 scenario "a package path with shell metacharacters: no process search with it, logged; the rest runs to its end"
 marker /tmp/Quorvik-PleaseDoLog
 installed_package

@@ -66,12 +66,6 @@ TEST_F(KillAppTest, StopsTheApplicationsProcessesButNeverItselfUntilALineWithout
                                              "\" | sed -e \"s/[ ]*\\([0-9][0-9]*\\).*/\\1/g\" -> ")));
 }
 
-TEST_F(KillAppTest, NothingListedStopsNothing) {
-    Run(folder_.path() + "/Quorvik.app", "  PID COMM\n   77 /usr/sbin/cron\n");
-    EXPECT_THAT(Kills(), IsEmpty());
-    EXPECT_EQ(ReadFile(folder_.path() + "/calls"), "-A -o pid -o comm\n");
-}
-
 TEST_F(KillAppTest, AnApplicationFolderThatCannotBeQuotedRunsNoCommand) {
     const std::string app = folder_.path() + "/Quorvik$(touch owned).app";
     Run(app, Format(" 4242 %@/Contents/MacOS/Quorvik\n", app));
