@@ -62,6 +62,11 @@ std::int32_t DeleteEntry(int parent, const char* name, const std::string& path) 
 void Launcher_DeleteApp() {
     std::string application = qvk::drivers::ApplicationFolder();
     QVK_Framework_Log_Internal("Launcher_DeleteApp", kSource, __LINE__, 5, "%@", application);
+    // A launcher bundle at the top of the file system has no application folder of its own.
+    if (application.empty() || application == "/") {
+        QVK_Framework_Log_Internal("Launcher_DeleteApp", kSource, __LINE__, 2, "Not deleting \"%@\"", application);
+        return;
+    }
     Launcher_Delete(application);
 }
 

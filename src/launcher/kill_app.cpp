@@ -2,7 +2,6 @@
 
 #include <unistd.h>
 
-#include <cerrno>
 #include <climits>
 #include <csignal>
 #include <cstdlib>
@@ -27,7 +26,6 @@ constexpr const char* kSource = "KillApp";
 // The line's integer value as the platform's strings give it: leading blanks, an optional sign and
 // digits; 0 when there are none, clamped to the range of int.
 long long IntValue(const std::string& line) {
-    errno = 0;
     long long value = std::strtoll(line.c_str(), nullptr, 10);
     if (value > INT_MAX) return INT_MAX;
     if (value < INT_MIN) return INT_MIN;
