@@ -41,26 +41,21 @@ protected:
         namespace fs = std::filesystem;
         fs::remove_all("/tmp/pkg");
         fs::remove_all(kHome);
-        WriteFile(std::string(kPackage) + "/Contents/Info.plist",
-                  "<?xml version=\"1.0\"?><plist version=\"1.0\"><dict>"
-                  "<key>CFBundleDisplayName</key><string>Quorvik Mobile</string>"
-                  "<key>CFBundleName</key><string>Quorvik</string>"
-                  "<key>CFBundleIdentifier</key><string>com.quorvik.Mobile</string>"
-                  "</dict></plist>");
+        // Folders the unprivileged user can walk through, whatever the test's umask.
+        mode_t umaskBefore = umask(022);
+        WritePlist(std::string(kPackage) + "/Contents/Info.plist", {{"CFBundleDisplayName", "Quorvik Mobile"},
+                                                                    {"CFBundleName", "Quorvik"},
+                                                                    {"CFBundleIdentifier", "com.quorvik.Mobile"}});
         std::string bundle = std::string(kPackage) + "/Launcher.app/Contents";
         fs::create_directories(bundle + "/MacOS");
         fs::create_directories(bundle + "/Resources/de.lproj");
+        fs::create_directories(kHome);
+        umask(umaskBefore);
         fs::copy_file(fs::path(built).parent_path().parent_path() / "Info.plist", bundle + "/Info.plist");
         executable_ = bundle + "/MacOS/Launcher";
         fs::copy_file(built, executable_);
         ASSERT_EQ(chown(executable_.c_str(), 0, 0), 0);
         ASSERT_EQ(chmod(executable_.c_str(), 04755), 0);
-        fs::create_directories(kHome);
-        for (const std::string& folder : {std::string("/tmp/pkg"), std::string(kHome)})
-            for (const auto& entry : fs::recursive_directory_iterator(folder))
-                if (entry.is_directory()) chmod(entry.path().c_str(), 0755);
-        chmod("/tmp/pkg", 0755);
-        chmod(kHome, 0755);
         WriteFile("/tmp/Quorvik-PleaseDoLog", "");
     }
 
@@ -99,14 +94,6 @@ protected:
 
     static std::string LogOf(pid_t pid) { return ReadFile("/tmp/Quorvik.Log." + std::to_string(pid)); }
 
-    mode_t Mode() const {
-        struct stat st {};
-        stat(executable_.c_str(), &st);
-        return st.st_mode & 07777;
-    }
-
-    void NoLaunch() { WriteFile(std::string(kHome) + "/.Quorvik-NoLaunch-Brisel", ""); }
-
     std::string executable_;
 };
 
@@ -121,7 +108,7 @@ TEST_F(SetuidLauncher, TheUninstallQuestionAsksTheStartingUserAndReturnDeclines)
     // id and language appended to the given arguments; the bit is back already.
     EXPECT_THAT(ArgumentsOf(pid), ElementsAre(executable_, "--qvk-uninstall", "--uid", "65534", "--lang", "de"));
     EXPECT_THAT(UserIdsOf(pid), ElementsAre(0u, 0u, 0u, 0u));
-    EXPECT_EQ(Mode(), 04755);
+    EXPECT_EQ(OwnerAndMode(executable_), "0:0 4755");
     // The panel is the starting user's.
     pid_t panel = display.WindowProcess(window);
     EXPECT_THAT(UserIdsOf(panel), ElementsAre(kNobody, kNobody, kNobody, kNobody));
@@ -152,7 +139,7 @@ TEST_F(SetuidLauncher, AUidThatIsNotWhollyDecimalIsIgnored) {
 }
 
 TEST_F(SetuidLauncher, WithoutTheSetUserIdBitNothingIsReexecuted) {
-    NoLaunch();
+    WriteFile(std::string(kHome) + "/.Quorvik-NoLaunch-Brisel", "");
     ASSERT_EQ(chmod(executable_.c_str(), 0755), 0);
     pid_t pid = Start(kNobody, {"--qvk-uninstall"});
     EXPECT_EQ(WaitForExit(pid), 0);
@@ -162,7 +149,7 @@ TEST_F(SetuidLauncher, WithoutTheSetUserIdBitNothingIsReexecuted) {
     // Without "--lang" only English is tried, and without a display or terminal the answer is no.
     EXPECT_THAT(log, HasSubstr("Localizations: (\\n    en\\n)"));
     EXPECT_THAT(log, HasSubstr("Quorvik Mobile: no display and no terminal; \"No\" answers"));
-    EXPECT_EQ(Mode(), 0755);
+    EXPECT_EQ(OwnerAndMode(executable_), "0:0 755");
 }
 
 }  // namespace

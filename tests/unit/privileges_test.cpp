@@ -3,7 +3,6 @@
 
 #include <cstdlib>
 #include <deque>
-#include <stdexcept>
 
 #include "framework/privileges/drop_privileges.h"
 #include "framework/privileges/setuid.h"
@@ -17,52 +16,8 @@ namespace {
 
 using ::testing::ElementsAre;
 
-// Thrown where the real process image would be replaced.
-struct ImageReplaced {};
-
-// Records every call that changes the process; the ids follow setuid as the kernel's would for
-// the super-user.
-class RecordingProcess : public platform::ProcessIdentity {
-public:
-    RecordingProcess(std::uint32_t real, std::uint32_t effective) : real_(real), effective_(effective) {}
-    std::uint32_t RealUserID() override { return real_; }
-    std::uint32_t EffectiveUserID() override { return effective_; }
-    int SetUserID(std::uint32_t uid) override {
-        calls.push_back(Format("setuid %u", uid));
-        real_ = effective_ = uid;
-        return 0;
-    }
-    int ChangeOwner(const std::string& path, std::uint32_t uid, std::uint32_t gid) override {
-        calls.push_back(Format("chown %u:%u %@", uid, gid, path));
-        return 0;
-    }
-    int ChangeMode(const std::string& path, mode_t mode) override {
-        calls.push_back(Format("chmod %o %@", mode, path));
-        return 0;
-    }
-    int Execute(const std::string& path, char* const argv[], char* const envp[]) override {
-        calls.push_back("execve " + path);
-        for (char* const* a = argv; *a; ++a) arguments.push_back(*a);
-        for (char* const* e = envp; *e; ++e) environment.push_back(*e);
-        if (failExecute) return -1;
-        throw ImageReplaced{};
-    }
-
-    std::vector<std::string> calls;
-    std::vector<std::string> arguments;
-    std::vector<std::string> environment;
-    bool failExecute = false;
-
-private:
-    std::uint32_t real_;
-    std::uint32_t effective_;
-};
-
 class HandleSetuid : public ::testing::Test {
 protected:
-    void SetUp() override { QVK_PreferredLanguage = nullptr; }
-    void TearDown() override { QVK_PreferredLanguage = nullptr; }
-
     std::uint32_t Run(RecordingProcess& process, std::vector<std::string> args) {
         platform::Replace<platform::ProcessIdentity> useProcess(process);
         argv_.clear();
@@ -71,10 +26,6 @@ protected:
         for (std::string& a : argv_) pointers.push_back(a.data());
         pointers.push_back(nullptr);
         return QVK_Framework_HandleSetuid(static_cast<int>(argv_.size()), pointers.data());
-    }
-    // The user's start, which ends in the replacement of the image.
-    void RunUserStart(RecordingProcess& process, std::vector<std::string> args) {
-        EXPECT_THROW(Run(process, std::move(args)), ImageReplaced);
     }
     std::string Executable() { return bundle_.MainExecutablePath(); }
 
@@ -85,6 +36,7 @@ protected:
     platform::Replace<platform::Gestalt> useGestalt_{snowLeopard_};
     LanguageEnvironment languages_;
     CapturingLogger logger_;
+    Scoped<const char*> language_{QVK_PreferredLanguage, nullptr};
     std::deque<std::string> argv_;
 };
 
@@ -93,13 +45,13 @@ TEST_F(HandleSetuid, UserStartReexecutesWithUidAndTheBundlesFirstPreferredLangua
     std::filesystem::create_directories(folder_.path() + "/Launcher.app/Contents/Resources/fr.lproj");
     languages_.Set("LANGUAGE", "fr:de");
     RecordingProcess process(501, 0);
-    RunUserStart(process, {Executable(), "--qvk-uninstall", "--lang", "xx"});
+    EXPECT_THROW(Run(process, {Executable(), "--qvk-uninstall", "--lang", "xx"}), ImageReplaced);
     EXPECT_THAT(process.calls, ElementsAre("setuid 0", "chmod 755 " + Executable(), "execve " + Executable()));
     EXPECT_THAT(process.arguments,
                 ElementsAre(Executable(), "--qvk-uninstall", "--lang", "xx", "--uid", "501", "--lang", "fr"));
-    EXPECT_THAT(logger_.MessagesOf("QVK_Framework_HandleSetuid"), ElementsAre("uid: 501 euid: 0"));
-    EXPECT_EQ(logger_.entries[0].file, "../../Framework/Framework/Apple/Setuid");
-    EXPECT_EQ(logger_.entries[0].line, 25u);
+    EXPECT_THAT(
+        logger_.LogLines(),
+        ElementsAre("../../Framework/Framework/Apple/Setuid:25(Trace): QVK_Framework_HandleSetuid: uid: 501 euid: 0"));
 }
 
 TEST_F(HandleSetuid, WithoutLocalizationsNoLanguageIsAddedAndHomeIsCarriedAcross) {
@@ -109,7 +61,7 @@ TEST_F(HandleSetuid, WithoutLocalizationsNoLanguageIsAddedAndHomeIsCarriedAcross
     FakeHome home("/home/user501");
     platform::Replace<platform::Home> useHome(home);
     RecordingProcess process(501, 0);
-    RunUserStart(process, {Executable()});
+    EXPECT_THROW(Run(process, {Executable()}), ImageReplaced);
     std::vector<std::string> environment = process.environment;
     if (saved) setenv("HOME", savedHome.c_str(), 1);
     EXPECT_THAT(process.arguments, ElementsAre(Executable(), "--uid", "501"));
@@ -124,14 +76,13 @@ TEST_F(HandleSetuid, AFailedReexecutionIsAnAssertion) {
                  "\\.\\./\\.\\./Framework/Framework/Apple/Setuid, line 79\\.");
 }
 
-TEST_F(HandleSetuid, PrivilegedRunRestoresTheBitAndReadsItsOptions) {
+TEST_F(HandleSetuid, PrivilegedRunRestoresTheBitAndReadsItsOptionsStrictly) {
     RecordingProcess process(0, 0);
     EXPECT_EQ(Run(process, {Executable(), "--qvk-uninstall", "--uid", "501", "--lang", "de"}), 501u);
     EXPECT_THAT(process.calls, ElementsAre("chown 0:0 " + Executable(), "chmod 4755 " + Executable()));
     EXPECT_STREQ(QVK_PreferredLanguage, "de");
-}
 
-TEST_F(HandleSetuid, OnlyAWhollyDecimalUidCountsAndATrailingOptionIsIgnored) {
+    // Only a wholly decimal uid counts, the last one given wins, and a trailing option is ignored.
     auto uidOf = [&](std::vector<std::string> options) {
         RecordingProcess process(0, 0);
         options.insert(options.begin(), Executable());
@@ -153,15 +104,14 @@ TEST_F(HandleSetuid, OnlyAWhollyDecimalUidCountsAndATrailingOptionIsIgnored) {
     EXPECT_EQ(QVK_PreferredLanguage, nullptr);
 }
 
-TEST_F(HandleSetuid, WithoutEffectiveSuperUserNothingHappens) {
+TEST_F(HandleSetuid, WithoutEffectiveSuperUserOrBelowTenSixNothingChanges) {
     RecordingProcess process(501, 501);
     EXPECT_EQ(Run(process, {Executable(), "--uid", "7", "--lang", "de"}), 0u);
     EXPECT_TRUE(process.calls.empty());
     EXPECT_EQ(QVK_PreferredLanguage, nullptr);
     EXPECT_THAT(logger_.MessagesOf("QVK_Framework_HandleSetuid"), ElementsAre("uid: 501 euid: 501"));
-}
 
-TEST_F(HandleSetuid, BelowTenSixTheRealUserIsReturnedAsItIs) {
+    // Below 10.6 the real user is returned as it is.
     FakeGestalt leopard{0x1058};
     platform::Replace<platform::Gestalt> useLeopard(leopard);
     RecordingProcess userStart(501, 0);
@@ -183,13 +133,11 @@ TEST(DropPrivileges, BecomesTheEffectiveOrElseTheRealUser) {
     EXPECT_THAT(drop(501, 0), ElementsAre("setuid 501"));
     EXPECT_THAT(drop(0, 502), ElementsAre("setuid 502"));
     EXPECT_TRUE(drop(0, 0).empty());
-    ASSERT_EQ(logger.entries.size(), 6u);
-    EXPECT_EQ(logger.entries[0].message, std::nullopt);
-    EXPECT_EQ(logger.entries[0].line, 16u);
-    EXPECT_EQ(logger.entries[0].file, "../../Framework/Framework/DropPrivileges");
-    EXPECT_EQ(logger.entries[1].message, "real uid: 501, effective uid: 501");
-    EXPECT_EQ(logger.entries[1].line, 29u);
-    EXPECT_EQ(logger.entries[5].message, "real uid: 0, effective uid: 0");
+    std::string entered = "../../Framework/Framework/DropPrivileges:16(Trace): QVK_Framework_DropPrivileges";
+    std::string done = "../../Framework/Framework/DropPrivileges:29(Trace): QVK_Framework_DropPrivileges: real uid: ";
+    EXPECT_THAT(logger.LogLines(),
+                ElementsAre(entered, done + "501, effective uid: 501", entered, done + "502, effective uid: 502",
+                            entered, done + "0, effective uid: 0"));
 }
 
 // Notes the user the shared application object was obtained for, in the process's call list.
@@ -207,24 +155,21 @@ private:
 };
 
 TEST(SharedAppAndDropPrivileges, OrderDependsOnTheSystemVersion) {
-    auto run = [](std::uint32_t version, std::uint32_t real, std::uint32_t userId, bool& returned) {
+    // The calls made, and "returned" when the application object is handed back.
+    auto run = [](std::uint32_t version, std::uint32_t real, std::uint32_t userId) {
         FakeGestalt gestalt{version};
         platform::Replace<platform::Gestalt> useGestalt(gestalt);
         RecordingProcess process(real, 0);
         platform::Replace<platform::ProcessIdentity> useProcess(process);
         RecordingApplication application(process);
-        returned = QVK_Framework_SharedAppAndDropPrivileges(application, userId) == &application;
+        if (QVK_Framework_SharedAppAndDropPrivileges(application, userId) == &application)
+            process.calls.push_back("returned");
         return process.calls;
     };
-    bool returned = false;
-    EXPECT_THAT(run(0x1058, 501, 777, returned), ElementsAre("setuid 501", "shared app 501"));
-    EXPECT_TRUE(returned);
-    EXPECT_THAT(run(0x1058, 0, 777, returned), ElementsAre("shared app 0"));
-    EXPECT_TRUE(returned);
-    EXPECT_THAT(run(0x1068, 501, 777, returned), ElementsAre("shared app 777", "setuid 777"));
-    EXPECT_FALSE(returned);
-    EXPECT_THAT(run(0x1090, 501, 0, returned), ElementsAre("shared app 0"));
-    EXPECT_FALSE(returned);
+    EXPECT_THAT(run(0x1058, 501, 777), ElementsAre("setuid 501", "shared app 501", "returned"));
+    EXPECT_THAT(run(0x1058, 0, 777), ElementsAre("shared app 0", "returned"));
+    EXPECT_THAT(run(0x1068, 501, 777), ElementsAre("shared app 777", "setuid 777"));
+    EXPECT_THAT(run(0x1090, 501, 0), ElementsAre("shared app 0"));
 }
 
 }  // namespace

@@ -19,6 +19,8 @@
 #include <optional>
 #include <sstream>
 #include <string>
+#include <type_traits>
+#include <utility>
 #include <vector>
 
 #include "framework/log/logging.h"
@@ -26,6 +28,8 @@
 #include "platform/format.h"
 #include "platform/gestalt.h"
 #include "platform/home.h"
+#include "platform/process_identity.h"
+#include "platform/property_list.h"
 #include "platform/service.h"
 #include "platform/shell.h"
 
@@ -49,6 +53,21 @@ private:
     std::string path_;
 };
 
+// Gives a global another value while it lives.
+template <class T>
+class Scoped {
+public:
+    Scoped(T& global, std::type_identity_t<T> value)
+        : global_(global), saved_(std::exchange(global, std::move(value))) {}
+    ~Scoped() { global_ = std::move(saved_); }
+    Scoped(const Scoped&) = delete;
+    Scoped& operator=(const Scoped&) = delete;
+
+private:
+    T& global_;
+    T saved_;
+};
+
 inline std::string ReadFile(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
     return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
@@ -57,6 +76,10 @@ inline std::string ReadFile(const std::string& path) {
 inline void WriteFile(const std::string& path, const std::string& text) {
     std::filesystem::create_directories(std::filesystem::path(path).parent_path());
     std::ofstream(path, std::ios::binary) << text;
+}
+
+inline void WritePlist(const std::string& path, const Dictionary& root) {
+    WriteFile(path, platform::XmlPropertyList(Value(root)));
 }
 
 inline std::vector<std::string> Lines(const std::string& text) {
@@ -102,6 +125,44 @@ public:
         return 0;
     }
     std::vector<std::string> commands;
+};
+
+// Thrown where the real process image would be replaced.
+struct ImageReplaced {};
+
+// Records every call that changes the process; the ids follow setuid as the kernel's would for
+// the super-user.
+class RecordingProcess : public platform::ProcessIdentity {
+public:
+    RecordingProcess(std::uint32_t real, std::uint32_t effective) : real_(real), effective_(effective) {}
+    std::uint32_t RealUserID() override { return real_; }
+    std::uint32_t EffectiveUserID() override { return effective_; }
+    int SetUserID(std::uint32_t uid) override {
+        calls.push_back(Format("setuid %u", uid));
+        real_ = effective_ = uid;
+        return 0;
+    }
+    int ChangeOwner(const std::string& path, std::uint32_t uid, std::uint32_t gid) override {
+        calls.push_back(Format("chown %u:%u %@", uid, gid, path));
+        return 0;
+    }
+    int ChangeMode(const std::string& path, mode_t mode) override {
+        calls.push_back(Format("chmod %o %@", mode, path));
+        return 0;
+    }
+    int Execute(const std::string& path, char* const argv[], char* const envp[]) override {
+        calls.push_back("execve " + path);
+        for (char* const* a = argv; *a; ++a) arguments.push_back(*a);
+        for (char* const* e = envp; *e; ++e) environment.push_back(*e);
+        if (failExecute) return -1;
+        throw ImageReplaced{};
+    }
+
+    std::vector<std::string> calls, arguments, environment;
+    bool failExecute = false;
+
+private:
+    std::uint32_t real_, effective_;
 };
 
 class FakeHome : public platform::Home {
