@@ -1,0 +1,68 @@
+#include "launcher/my_auto_cleanup.h"
+
+#include <unistd.h>
+
+#include <cstdlib>
+
+#include "framework/base/identity.h"
+#include "framework/basic/autostart.h"
+#include "framework/basic/tidyup.h"
+#include "framework/log/logging.h"
+#include "launcher/my_user.h"
+#include "launcher/uninstall.h"
+#include "platform/preferences.h"
+#include "platform/process_identity.h"
+#include "platform/service.h"
+
+std::shared_ptr<MyAutoCleanup> AutoCleanup;
+
+namespace {
+
+// Replaces the process by "/usr/bin/open -a <launcher>" with the whole environment; returns only
+// when that failed.
+void OpenLauncher(const std::string& launcher) {
+    std::string path = launcher;
+    char open[] = "/usr/bin/open";
+    char option[] = "-a";
+    char* const argv[] = {open, option, path.data(), nullptr};
+    qvk::platform::Use<qvk::platform::ProcessIdentity>().Execute(open, argv, environ);
+}
+
+}  // namespace
+
+void MyAutoCleanup::QVK_Framework_FileMonitor_Triggered(const qvk::Data* event) {
+    if (!event) return;
+    QVK_Framework_AutoCleanup::QVK_Framework_FileMonitor_Triggered(event);
+    std::optional<std::string> current;
+    if (QVK_Framework_AutoCleanup_IsTrashedApp(&current)) {
+        Launcher_PerformCleanup(false, *current);
+        Launcher_ShowRestartMessage();
+        std::exit(0);
+    }
+
+    // Files the super-user makes in the home folder belong to the user.
+    QVK_Framework_Autostart_User = MyUser;
+    QVK_Framework_Tidyup(false);
+    AutostartBundleOverride = qvk::Format("%@/Launcher.app", current);
+    QVK_Framework_Log_Internal("-[MyAutoCleanup QVK_Framework_FileMonitor_Triggered:]", "MyAutoCleanup", 479, 5,
+                               "New launcher path: %@", AutostartBundleOverride);
+    QVK_Framework_Autostart_Set(true);
+    setenv("QUORVIKCRAP_INSTALLATIONMOVED", "yes", 1);
+    OpenLauncher(*AutostartBundleOverride);
+    if (fork() == 0) {
+        OpenLauncher(*AutostartBundleOverride);
+        _exit(0);
+    }
+    std::exit(0);
+}
+
+void DoAutoCleanup() {
+    QVK_Framework_Log_Internal("DoAutoCleanup", "MyAutoCleanup", 509, 5, nullptr);
+    auto& defaults = qvk::platform::Use<qvk::platform::Preferences>();
+    defaults.RemoveObjectForKey(defaults.StandardDomain(),
+                                qvk::Format("QVK Autostart Installed %s", QVK_Framework_BuildID_App));
+    if (!AutoCleanup) {
+        auto monitor = std::make_shared<MyAutoCleanup>();
+        if (monitor->init()) AutoCleanup = std::move(monitor);
+    }
+}
