@@ -117,15 +117,22 @@ private:
 class JournalTidyup : public QVK_Framework_Tidyup_Protocol {
 public:
     explicit JournalTidyup(Journal& journal, const char* name = "QVK_Framework_Autostart_Tidyup")
-        : journal_(journal), name_(name) {
+        : journal_(journal), name_(name), previous_(QVK_Framework_ClassNamed(name_)) {
         QVK_Framework_RegisterClass(name_, *this);
     }
-    ~JournalTidyup() override { QVK_Framework_UnregisterClass(name_); }
+    // The program's own participant comes back.
+    ~JournalTidyup() override {
+        if (previous_)
+            QVK_Framework_RegisterClass(name_, *previous_);
+        else
+            QVK_Framework_UnregisterClass(name_);
+    }
     void QVK_Framework_Tidyup_Action(bool flag) override { journal_.push_back(Format("tidy-up %d", flag ? 1 : 0)); }
 
 private:
     Journal& journal_;
     std::string name_;
+    QVK_Framework_Class* previous_;
 };
 
 class JournalPanel : public platform::AlertPanel {
