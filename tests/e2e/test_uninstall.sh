@@ -168,10 +168,14 @@ launch --env DISPLAY=:5 -- --qvk-uninstall
 after=$(date +%s%6N)
 # Status 0, not 143: the Launcher, listed by "ps" twice, never signalled itself.
 expect_status 0
+# Root's preference domains, the application stopped, then as the user: the autostart entry's
+# tidy-up, the user's domains, the application stopped again, the restart message.
 expect_journal "$(call "$USER_ID" "${QUESTION[@]}")" \
     "$(call 0 /usr/bin/defaults delete com.quorvik.MobilePartner)" \
     "$(call 0 /usr/bin/defaults delete Quorvik.Updater)" \
     "$(call 0 /usr/local/bin/ps -A -o pid -o comm)" \
+    "$(call "$USER_ID" /bin/launchctl remove "QVK Quorvik Mobile Partner")" \
+    "$(call "$USER_ID" /usr/local/bin/ps axww -o pid,command)" \
     "$(call "$USER_ID" /usr/bin/defaults delete com.quorvik.MobilePartner)" \
     "$(call "$USER_ID" /usr/bin/defaults delete Quorvik.Updater)" \
     "$(call "$USER_ID" /usr/local/bin/ps -A -o pid -o comm)" \
@@ -209,7 +213,7 @@ start_application
 fake_ps
 launch --env DISPLAY=:5 -- --qvk-uninstall
 expect_status 0
-expect_no_call /usr/local/bin/ps
+expect_calls 0 /usr/local/bin/ps -A -o pid -o comm
 expect_count 2 "$(main_log)" "(Errors): Launcher_KillApp: Not looking for processes of \"$APP\": the path cannot be quoted"
 expect_calls 2 /usr/bin/defaults delete com.quorvik.MobilePartner
 expect_calls 1 "${RESTART[@]}"
