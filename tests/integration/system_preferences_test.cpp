@@ -6,7 +6,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <filesystem>
 
 #include "../unit/test_support.h"
@@ -27,7 +26,7 @@ protected:
         Dictionary root{{"CurrentSet", "/Sets/HOME"},
                         {"NetworkServices", Dictionary{}},
                         {"Sets", Dictionary{{"HOME", Dictionary{{"Network", network}, {"Name", "Home"}}}}}};
-        WriteFile(path_, platform::XmlPropertyList(Value(root)));
+        WritePlist(path_, root);
     }
     std::unique_ptr<SystemPreferences> Open() {
         auto prefs = store_.Create("test");
@@ -35,13 +34,6 @@ protected:
         return prefs;
     }
     Value Saved() { return platform::ReadPropertyList(path_).value_or(Value()); }
-    std::vector<std::string> FolderEntries() {
-        std::vector<std::string> names;
-        for (const auto& entry : std::filesystem::directory_iterator(dir_.path()))
-            names.push_back(entry.path().filename().string());
-        std::sort(names.begin(), names.end());
-        return names;
-    }
 
     TempDir dir_;
     std::string path_ = dir_.path() + "/preferences.plist";
@@ -77,13 +69,10 @@ TEST_F(SystemPreferencesFileTest, TheRewrittenFileKeepsOwnerAndModeAndLeavesNoTe
 
     struct stat now {};
     ASSERT_EQ(lstat(path_.c_str(), &now), 0);
-    EXPECT_TRUE(S_ISREG(now.st_mode));
     EXPECT_NE(now.st_ino, old.st_ino) << "the file was written in place, not replaced";
-    EXPECT_EQ(now.st_uid, 4242u);
-    EXPECT_EQ(now.st_gid, 4343u);
-    EXPECT_EQ(now.st_mode & 07777, 0640u);
+    EXPECT_EQ(OwnerAndMode(path_), "4242:4343 640");
     EXPECT_EQ(Saved()["Sets"]["HOME"]["Network"]["Global"]["IPv4"]["ServiceOrder"], Value(Array{"ETH"}));
-    EXPECT_EQ(FolderEntries(), (std::vector<std::string>{"preferences.plist", "preferences.plist-lock"}));
+    EXPECT_EQ(FolderNames(dir_.path()), (std::vector<std::string>{"preferences.plist", "preferences.plist-lock"}));
 }
 
 TEST_F(SystemPreferencesFileTest, LinksAndOtherFilesAreNeverFollowed) {

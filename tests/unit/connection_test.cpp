@@ -15,20 +15,8 @@ namespace {
 
 using ::testing::ElementsAre;
 
-// Sets the project's application name for one scope.
-class ApplicationName {
-public:
-    explicit ApplicationName(const char* name) : saved_(QVK_Framework_Project_Name_Application) {
-        QVK_Framework_Project_Name_Application = name;
-    }
-    ~ApplicationName() { QVK_Framework_Project_Name_Application = saved_; }
-
-private:
-    const char* saved_;
-};
-
 std::string Name(const char* application, std::uint32_t index = 1, bool ndis = false) {
-    ApplicationName name(application);
+    Scoped<const char*> name(QVK_Framework_Project_Name_Application, application);
     return QVK_Framework_ConnectionName(index, ndis);
 }
 
@@ -55,20 +43,6 @@ TEST(ConnectionName, NothingAllowedGivesTheSignedByteChecksum) {
     EXPECT_EQ(Name("\xff"), "ffffffffffffffff-1");
     EXPECT_EQ(Name("", 7), "00000000-7");
 }
-
-class FakeIdentity : public platform::ProcessIdentity {
-public:
-    FakeIdentity(std::uint32_t real, std::uint32_t effective) : real_(real), effective_(effective) {}
-    std::uint32_t RealUserID() override { return real_; }
-    std::uint32_t EffectiveUserID() override { return effective_; }
-    int SetUserID(std::uint32_t) override { return -1; }
-    int ChangeOwner(const std::string&, std::uint32_t, std::uint32_t) override { return -1; }
-    int ChangeMode(const std::string&, mode_t) override { return -1; }
-    int Execute(const std::string&, char* const[], char* const[]) override { return -1; }
-
-private:
-    std::uint32_t real_, effective_;
-};
 
 // Wraps the file store and records what the removal does with its reference; can fail applying.
 class RecordingStore : public platform::SystemPreferencesStore {
@@ -142,17 +116,17 @@ Dictionary& At(Dictionary& root, std::initializer_list<const char*> path) {
 
 class ConnectionDelete : public ::testing::Test {
 protected:
-    void Write(const Dictionary& root) { WriteFile(path_, platform::XmlPropertyList(Value(root))); }
+    void Write(const Dictionary& root) { WritePlist(path_, root); }
     Dictionary Read() {
         auto root = platform::ReadPropertyList(path_);
         EXPECT_TRUE(root && root->AsDictionary());
         return root && root->AsDictionary() ? *root->AsDictionary() : Dictionary();
     }
     // The removal with a reference of its own; the file must stay byte for byte when it fails.
-    std::int32_t Remove(const Dictionary& root) {
+    std::int32_t Remove(const Dictionary& root, const Dictionary* settings = nullptr) {
         Write(root);
         std::string before = ReadFile(path_);
-        std::int32_t result = Privileged_InstallConnection(nullptr, nullptr, "Quorvik_Modem-1");
+        std::int32_t result = Privileged_InstallConnection(nullptr, settings, "Quorvik_Modem-1");
         if (result != 0) {
             EXPECT_EQ(ReadFile(path_), before) << "a failed removal saved something";
         }
@@ -163,17 +137,16 @@ protected:
     std::string path_ = dir_.path() + "/preferences.plist";
     RecordingStore store_{path_};
     platform::Replace<platform::SystemPreferencesStore> useStore_{store_};
-    ApplicationName name_{"Quorvik Modem"};
-    FakeIdentity root_{0, 0};
+    Scoped<const char*> name_{QVK_Framework_Project_Name_Application, "Quorvik Modem"};
+    RecordingProcess root_{0, 0};
     platform::Replace<platform::ProcessIdentity> useIdentity_{root_};
 };
 
 TEST_F(ConnectionDelete, TakesTheServiceOutOfTheCurrentSetAndEveryPlaceInItsOrder) {
     Write(NetworkPreferences());
     CapturingLogger logger;
-    std::optional<std::string> savedName = std::exchange(QVK_Framework_ApplicationName, "Quorvik Mobile");
+    Scoped<std::optional<std::string>> applicationName(QVK_Framework_ApplicationName, "Quorvik Mobile");
     QVK_Framework_Connection_Delete(1);
-    QVK_Framework_ApplicationName = savedName;
 
     Dictionary expected = NetworkPreferences();
     At(expected, {"Sets", "HOME", "Network", "Service"}).erase("Quorvik_Modem-1");
@@ -186,21 +159,27 @@ TEST_F(ConnectionDelete, TakesTheServiceOutOfTheCurrentSetAndEveryPlaceInItsOrde
                             "Set /Sets/HOME/Network/Global/IPv4", "Apply", "Commit", "Unlock"));
     std::vector<std::string> traces;
     for (const auto& e : logger.entries) {
-        EXPECT_EQ(e.file, "Privileged_Connection_Config");
-        EXPECT_EQ(e.type, "Trace");
-        EXPECT_EQ(e.message, std::nullopt);
+        EXPECT_EQ(e.file + " " + e.type + " " + e.message.value_or("<none>"),
+                  "Privileged_Connection_Config Trace <none>");
         traces.push_back(e.function);
     }
     EXPECT_THAT(traces, ElementsAre("QVK_Framework_Connection_Delete", "Privileged_InstallConnection", "RemoveService",
                                     "UpdateServiceOrder"));
 }
 
-TEST_F(ConnectionDelete, AServiceMissingFromTheOrderIsStillTakenOutOfTheSet) {
+TEST_F(ConnectionDelete, ASetReferenceIsNeededButAnEntryInTheOrderIsNot) {
     Dictionary root = NetworkPreferences();
     At(root, {"Sets", "HOME", "Network", "Global", "IPv4"})["ServiceOrder"] = Array{"ETH"};
     EXPECT_EQ(Remove(root), 0);
     At(root, {"Sets", "HOME", "Network", "Service"}).erase("Quorvik_Modem-1");
     EXPECT_EQ(Value(Read()), Value(root));
+
+    // Without the set's reference to the service, the order that lists it is left alone.
+    root = NetworkPreferences();
+    At(root, {"Sets", "HOME", "Network", "Service"}).erase("Quorvik_Modem-1");
+    store_.calls.clear();
+    EXPECT_EQ(Remove(root), 1001);
+    EXPECT_THAT(store_.calls, ::testing::Not(::testing::Contains(::testing::StartsWith("Set "))));
 }
 
 TEST_F(ConnectionDelete, NoCurrentSetChangesNothing) {
@@ -219,14 +198,15 @@ TEST_F(ConnectionDelete, NoCurrentSetChangesNothing) {
     EXPECT_EQ(UpdateServiceOrder(*prefs, false, "Quorvik_Modem-1"), -4960);
 }
 
-TEST_F(ConnectionDelete, AMissingServiceReferenceLeavesTheOrderAlone) {
-    Dictionary root = NetworkPreferences();
-    At(root, {"Sets", "HOME", "Network", "Service"}).erase("Quorvik_Modem-1");
-    EXPECT_EQ(Remove(root), 1001);
-    EXPECT_THAT(store_.calls, ::testing::Not(::testing::Contains(::testing::StartsWith("Set "))));
-}
-
 TEST_F(ConnectionDelete, NothingIsSavedUnlessEveryStepSucceeds) {
+    // A file that is missing or no dictionary gives the opening error.
+    EXPECT_EQ(Privileged_InstallConnection(nullptr, nullptr, "Quorvik_Modem-1"), 1001);
+    WriteFile(path_, "not a property list");
+    EXPECT_EQ(Privileged_InstallConnection(nullptr, nullptr, "Quorvik_Modem-1"), 1001);
+    EXPECT_EQ(ReadFile(path_), "not a property list");
+    WriteFile(path_, platform::XmlPropertyList(Value(Array{"CurrentSet"})));
+    EXPECT_EQ(Privileged_InstallConnection(nullptr, nullptr, "Quorvik_Modem-1"), 1001);
+
     Dictionary root = NetworkPreferences();
     root.erase("NetworkServices");
     EXPECT_EQ(Remove(root), 1001);
@@ -251,21 +231,9 @@ TEST_F(ConnectionDelete, NothingIsSavedUnlessEveryStepSucceeds) {
     EXPECT_EQ(store_.calls.back(), "Unlock");
 }
 
-TEST_F(ConnectionDelete, PreferencesThatCannotBeReadGiveTheOpeningError) {
-    EXPECT_EQ(Privileged_InstallConnection(nullptr, nullptr, "Quorvik_Modem-1"), 1001);
-    WriteFile(path_, "not a property list");
-    EXPECT_EQ(Privileged_InstallConnection(nullptr, nullptr, "Quorvik_Modem-1"), 1001);
-    EXPECT_EQ(ReadFile(path_), "not a property list");
-    WriteFile(path_, platform::XmlPropertyList(Value(Array{"CurrentSet"})));
-    EXPECT_EQ(Privileged_InstallConnection(nullptr, nullptr, "Quorvik_Modem-1"), 1001);
-}
-
 TEST_F(ConnectionDelete, SettingsAreRefusedAndACallersReferenceIsNeitherLockedNorUnlocked) {
     Dictionary settings = Dict({{"UserDefinedName", "Quorvik Modem"}});
-    Write(NetworkPreferences());
-    std::string before = ReadFile(path_);
-    EXPECT_EQ(Privileged_InstallConnection(nullptr, &settings, "Quorvik_Modem-1"), 1001);
-    EXPECT_EQ(ReadFile(path_), before);
+    EXPECT_EQ(Remove(NetworkPreferences(), &settings), 1001);
 
     Write(NetworkPreferences());
     auto prefs = store_.Create("caller");
@@ -279,7 +247,7 @@ TEST_F(ConnectionDelete, SettingsAreRefusedAndACallersReferenceIsNeitherLockedNo
 }
 
 TEST(ConnectionRightsDeathTest, NeedsTheSuperUser) {
-    FakeIdentity user(501, 501);
+    RecordingProcess user(501, 501);
     platform::Replace<platform::ProcessIdentity> useIdentity(user);
     EXPECT_DEATH(QVK_Framework_Connection_Delete(1),
                  "Assertion failed: \\(getuid\\(\\)==0 \\|\\| geteuid\\(\\)==0\\), function "
@@ -291,7 +259,7 @@ TEST(ConnectionRights, EitherUserIdBeingTheSuperUserIsEnough) {
     platform::SystemPreferencesFile missing(dir.path() + "/preferences.plist");
     platform::Replace<platform::SystemPreferencesStore> useStore(missing);
     for (auto [real, effective] : {std::pair{0u, 501u}, std::pair{501u, 0u}}) {
-        FakeIdentity identity(real, effective);
+        RecordingProcess identity(real, effective);
         platform::Replace<platform::ProcessIdentity> useIdentity(identity);
         QVK_Framework_Connection_Delete(1);
     }
