@@ -18,6 +18,7 @@
 #include "launcher/confirm_uninstall.h"
 #include "launcher/delete_app.h"
 #include "launcher/drivers_cleanup.h"
+#include "launcher/my_auto_cleanup.h"
 #include "launcher/my_user.h"
 #include "launcher/strings.h"
 #include "launcher/uninstall.h"
@@ -68,6 +69,7 @@ int main(int argc, char** argv) {
     if (access(marker.c_str(), F_OK) == 0) return 0;
 
     if (!installationMoved) QVK_Framework_LoadDrivers(false, std::nullopt, nullptr);
+    DoAutoCleanup();
     QVK_Framework_Use_USBLauncher();
     QVK_Framework_Port_Module::Class::QVK_Framework_PortModule_Start();
     qvk::platform::Use<qvk::platform::RunLoop>().Run();
