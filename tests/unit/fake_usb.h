@@ -58,7 +58,6 @@ public:
         return std::make_unique<Port>(*this);
     }
     platform::IoService IteratorNext(platform::IoIterator iterator) override {
-        ++nextCalls;
         auto& queue = iterators_[iterator];
         if (queue.empty()) return 0;
         platform::IoService s = queue.front();
@@ -82,7 +81,6 @@ public:
 
     std::vector<Armed> armed;
     std::vector<platform::IoObject> released;
-    int nextCalls = 0;
 
 private:
     class Port : public platform::NotificationPort {

@@ -37,19 +37,6 @@ private:
     }
 };
 
-// A text as the main logger keeps it on one line.
-std::string OneLine(const std::string& text) {
-    std::string out;
-    for (char c : text) out += c == '\n' ? std::string("\\n") : std::string(1, c);
-    return out;
-}
-
-Value Matching(int vendor, int product) {
-    return Value(Dictionary{{platform::kProviderClassKey, Value(platform::kUsbDeviceClass)},
-                            {platform::kUsbVendorKey, Value(vendor)},
-                            {platform::kUsbProductKey, Value(product)}});
-}
-
 Dictionary Device(int vendor, int product) {
     return {{platform::kUsbVendorKey, Value(vendor)}, {platform::kUsbProductKey, Value(product)}};
 }
@@ -63,7 +50,7 @@ protected:
     platform::Replace<platform::Usb> useUsb{usb};
 };
 
-TEST_F(PortModuleTest, ModulesTakeTheFirstHoleAndTheRemovalScanStopsAtAHole) {
+TEST_F(PortModuleTest, ModulesTakeTheFirstHoleAndTheStartAndTheRemovalScanStopAtAHole) {
     auto a = std::make_unique<RecordingModule>();
     auto b = std::make_unique<RecordingModule>();
     EXPECT_EQ(Modules[0], a.get());
@@ -75,25 +62,18 @@ TEST_F(PortModuleTest, ModulesTakeTheFirstHoleAndTheRemovalScanStopsAtAHole) {
     auto c = std::make_unique<RecordingModule>();
     EXPECT_EQ(Modules[0], c.get()) << "the new module fills the hole";
 
-    // With slot 0 empty, the module in slot 1 stands behind a hole and is not found on removal.
+    // The class start arms the modules up to the first empty slot, and answers false unless that
+    // was all twelve; behind a hole in slot 0 nothing is started.
+    EXPECT_FALSE(QVK_Framework_Port_Module::Class::QVK_Framework_PortModule_Start());
+    EXPECT_EQ(c->starts + b->starts, 2);
     c.reset();
+    EXPECT_FALSE(QVK_Framework_Port_Module::Class::QVK_Framework_PortModule_Start());
+    EXPECT_EQ(b->starts, 1);
+
+    // With slot 0 empty, the module in slot 1 stands behind a hole and is not found on removal.
     QVK_Framework_Port_Module* behind = b.get();
     b.reset();
     EXPECT_EQ(Modules[1], behind);
-    Modules[1] = nullptr;
-}
-
-TEST_F(PortModuleTest, ClassStartStopsAtTheFirstEmptySlot) {
-    auto only = std::make_unique<RecordingModule>();
-    EXPECT_FALSE(QVK_Framework_Port_Module::Class::QVK_Framework_PortModule_Start());
-    EXPECT_EQ(only->starts, 1) << "the module in slot 0 is armed although the start answers false";
-
-    // A hole in slot 0: nothing is started.
-    auto second = std::make_unique<RecordingModule>();
-    only.reset();
-    EXPECT_FALSE(QVK_Framework_Port_Module::Class::QVK_Framework_PortModule_Start());
-    EXPECT_EQ(second->starts, 0);
-    second.reset();
     Modules[1] = nullptr;
 
     std::vector<std::unique_ptr<RecordingModule>> twelve;
@@ -125,8 +105,8 @@ TEST_F(PortModuleTest, ArmingDeliversPresentServicesWhileInitializingAndSkipsFai
     usb.failPublishAt = 2;
     usb.failSourceAt = 4;
     auto module = std::make_unique<RecordingModule>();
-    module->dictionaries =
-        Array{Matching(0x12d1, 0x1001), Matching(1, 1), Matching(2, 2), Matching(3, 3), Matching(4, 4), Matching(5, 5)};
+    module->dictionaries = Array{UsbMatching(0x12d1, 0x1001), UsbMatching(1, 1), UsbMatching(2, 2),
+                                 UsbMatching(3, 3),           UsbMatching(4, 4), UsbMatching(5, 5)};
 
     EXPECT_TRUE(module->QVK_Framework_PortModule_Start());
     EXPECT_FALSE(module->IsInitializing());
@@ -138,19 +118,17 @@ TEST_F(PortModuleTest, ArmingDeliversPresentServicesWhileInitializingAndSkipsFai
     ASSERT_EQ(usb.armed.size(), 5u);
     EXPECT_EQ(usb.armed[0].type, platform::kTerminatedNotification);
     EXPECT_EQ(usb.armed[1].type, platform::kPublishNotification);
-    EXPECT_EQ(usb.armed[1].matching, Matching(0x12d1, 0x1001));
-    EXPECT_EQ(usb.armed[3].matching, Matching(3, 3));
-    EXPECT_EQ(usb.armed[4].matching, Matching(4, 4)) << "the last dictionary's terminate notification";
+    EXPECT_EQ(usb.armed[1].matching, UsbMatching(0x12d1, 0x1001));
+    EXPECT_EQ(usb.armed[3].matching, UsbMatching(3, 3));
+    EXPECT_EQ(usb.armed[4].matching, UsbMatching(4, 4)) << "the last dictionary's terminate notification";
     for (const auto& a : usb.armed) EXPECT_EQ(a.refcon, module.get());
     EXPECT_TRUE(usb.armed[0].portAlive() && usb.armed[3].portAlive());
     EXPECT_FALSE(usb.armed[4].portAlive()) << "a failed publish arming destroys the port and its terminate";
 
-    ASSERT_EQ(logger.entries.size(), 1u);
-    EXPECT_EQ(logger.entries[0].function, "-[QVK_Framework_Port_Module QVK_Framework_PortModule_AddNotification]");
-    EXPECT_EQ(logger.entries[0].file, "../../Framework/Framework/Port_Module");
-    EXPECT_EQ(logger.entries[0].line, 180u);
-    EXPECT_EQ(logger.entries[0].type, "Trace");
-    EXPECT_EQ(logger.entries[0].message, OneLine(Value(*module->dictionaries).Description()));
+    EXPECT_THAT(logger.LogLines(),
+                ElementsAre("../../Framework/Framework/Port_Module:180(Trace): -[QVK_Framework_Port_Module "
+                            "QVK_Framework_PortModule_AddNotification]: " +
+                            OneLine(Value(*module->dictionaries).Description())));
 
     // The ports live with the module.
     module.reset();

@@ -25,6 +25,7 @@
 
 #include "framework/log/logging.h"
 #include "platform/bundle.h"
+#include "platform/clock.h"
 #include "platform/format.h"
 #include "platform/gestalt.h"
 #include "platform/home.h"
@@ -32,6 +33,7 @@
 #include "platform/property_list.h"
 #include "platform/service.h"
 #include "platform/shell.h"
+#include "platform/usb.h"
 
 namespace qvk::test {
 
@@ -89,6 +91,13 @@ inline std::vector<std::string> Lines(const std::string& text) {
     return lines;
 }
 
+// A text as the main logger keeps it on one line.
+inline std::string OneLine(const std::string& text) {
+    std::string out;
+    for (char c : text) out += c == '\n' ? std::string("\\n") : std::string(1, c);
+    return out;
+}
+
 // The names in a folder, sorted.
 inline std::vector<std::string> FolderNames(const std::string& folder) {
     std::vector<std::string> names;
@@ -115,6 +124,23 @@ inline void UsePrivateTmp() {
     ASSERT_EQ(mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
     ASSERT_EQ(mount("tmpfs", "/tmp", "tmpfs", 0, "mode=1777"), 0) << std::strerror(errno);
     done = true;
+}
+
+// The sample package of the repository, copied into `folder` with an empty Launcher.app inside;
+// gives the application's path.
+inline std::string CopySampleApp(const std::string& folder) {
+    std::string app = folder + "/Quorvik Mobile Partner.app";
+    std::filesystem::copy(std::filesystem::path(__FILE__).parent_path() / "../../sample/Quorvik Mobile Partner.app",
+                          app, std::filesystem::copy_options::recursive);
+    std::filesystem::create_directories(app + "/Launcher.app");
+    return app;
+}
+
+// The matching dictionary of one USB vendor and product pair.
+inline Value UsbMatching(int vendor, int product) {
+    return Value(Dictionary{{platform::kProviderClassKey, Value(platform::kUsbDeviceClass)},
+                            {platform::kUsbVendorKey, Value(vendor)},
+                            {platform::kUsbProductKey, Value(product)}});
 }
 
 // Records the commands it is given instead of running them.
@@ -163,6 +189,13 @@ public:
 
 private:
     std::uint32_t real_, effective_;
+};
+
+// Each reading is 10 s after the previous one, so the launch debounce never drops a request.
+class SteppingClock : public platform::Clock {
+public:
+    double Now() override { return now += 10; }
+    double now = 0;
 };
 
 class FakeHome : public platform::Home {
