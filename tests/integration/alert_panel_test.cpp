@@ -24,6 +24,12 @@ using ::testing::ElementsAre;
 
 constexpr unsigned kNobody = 65534;
 
+// "default asked zenity": the button, whether anyone was asked, and how.
+std::string Describe(const AlertAnswer& answer) {
+    return std::string(answer.button == AlertReturn::Alternate ? "alternate" : "default") + " " +
+           (answer.asked ? "asked" : "not asked") + " " + answer.detail;
+}
+
 class AlertPanelOnDisplay : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -68,30 +74,24 @@ protected:
     VirtualDisplay display_;
 };
 
-TEST_F(AlertPanelOnDisplay, QuestionRunsAsTheUserWithItsTextsVerbatimAndReturnSaysNo) {
+TEST_F(AlertPanelOnDisplay, QuestionRunsAsTheUserWithItsTextsVerbatimReturnSaysNoAndTheOtherButtonYes) {
     const std::string title = "Quorvik \"$(touch /tmp/qvk-owned)\" `id` \\ ;";
     Outcome outcome = Show(kNobody, title, "Yes", {"Return"});
-    EXPECT_EQ(outcome.answer.button, AlertReturn::Default);
-    EXPECT_TRUE(outcome.answer.asked);
-    EXPECT_EQ(outcome.answer.detail, "zenity");
+    EXPECT_EQ(Describe(outcome.answer), "default asked zenity");
     EXPECT_THAT(outcome.uids, ElementsAre(kNobody, kNobody, kNobody, kNobody));
     ASSERT_FALSE(outcome.arguments.empty());
     EXPECT_THAT(std::vector<std::string>(outcome.arguments.begin() + 1, outcome.arguments.end()),
                 ElementsAre("--question", "--no-markup", "--default-cancel", "--title=" + title,
                             "--text=Remove <b>all</b> & everything?", "--ok-label=Yes", "--cancel-label=No"));
     EXPECT_NE(access("/tmp/qvk-owned", F_OK), 0);
-}
 
-TEST_F(AlertPanelOnDisplay, TheOtherButtonIsTheAlternateAnswer) {
-    Outcome outcome = Show(kNobody, "Quorvik alternate", "Yes", {"Tab", "Return"});
-    EXPECT_EQ(outcome.answer.button, AlertReturn::Alternate);
-    EXPECT_TRUE(outcome.answer.asked);
+    // The other button is the alternate answer.
+    EXPECT_EQ(Describe(Show(kNobody, "Quorvik alternate", "Yes", {"Tab", "Return"}).answer), "alternate asked zenity");
 }
 
 TEST_F(AlertPanelOnDisplay, AMessageHasOneButtonThatReturnPresses) {
     Outcome outcome = Show(kNobody, "Quorvik message", std::nullopt, {"Return"});
-    EXPECT_EQ(outcome.answer.button, AlertReturn::Default);
-    EXPECT_TRUE(outcome.answer.asked);
+    EXPECT_EQ(Describe(outcome.answer), "default asked zenity");
     ASSERT_FALSE(outcome.arguments.empty());
     EXPECT_THAT(std::vector<std::string>(outcome.arguments.begin() + 1, outcome.arguments.end()),
                 ElementsAre("--info", "--no-markup", "--title=Quorvik message",
@@ -101,10 +101,8 @@ TEST_F(AlertPanelOnDisplay, AMessageHasOneButtonThatReturnPresses) {
 TEST_F(AlertPanelOnDisplay, AUserWithoutAccountIsNotAskedAtAll) {
     AlertPanel& panel = platform::Use<AlertPanel>();
     panel.SharedApplication(3999999999u);
-    AlertAnswer answer = panel.RunAlertPanel("Quorvik nobody", "?", "No", std::string("Yes"));
-    EXPECT_EQ(answer.button, AlertReturn::Default);
-    EXPECT_FALSE(answer.asked);
-    EXPECT_EQ(answer.detail, "no account for user 3999999999");
+    EXPECT_EQ(Describe(panel.RunAlertPanel("Quorvik nobody", "?", "No", std::string("Yes"))),
+              "default not asked no account for user 3999999999");
 }
 
 // What a panel did in a child process of its own session, with a pseudo-terminal as its
@@ -138,10 +136,8 @@ TerminalRun RunOnTerminal(bool withTerminal, std::uint32_t user, const std::opti
         unsetenv("WAYLAND_DISPLAY");
         AlertPanel& panel = platform::Use<AlertPanel>();
         panel.SharedApplication(user);
-        AlertAnswer answer =
-            panel.RunAlertPanel("Quorvik\x1b[2J", "Do you really want to deinstall Quorvik?", "No", alternate);
-        std::string text = std::string(answer.button == AlertReturn::Alternate ? "alternate" : "default") + " " +
-                           (answer.asked ? "asked" : "not asked") + " " + answer.detail;
+        std::string text = Describe(
+            panel.RunAlertPanel("Quorvik\x1b[2J", "Do you really want to deinstall Quorvik?", "No", alternate));
         ssize_t ignored = write(results[1], text.data(), text.size());
         (void)ignored;
         _exit(0);

@@ -19,11 +19,8 @@ protected:
             std::filesystem::create_directories(bundle_.MainBundlePath() + "/Contents/Resources/" + language +
                                                 ".lproj");
     }
-    void SetDevelopmentRegion(const std::string& region) {
-        WriteFile(bundle_.MainBundlePath() + "/Contents/Info.plist",
-                  "<?xml version=\"1.0\"?><plist version=\"1.0\"><dict><key>CFBundleDevelopmentRegion</key>"
-                  "<string>" +
-                      region + "</string></dict></plist>");
+    void SetDevelopmentRegion(const char* region) {
+        WritePlist(bundle_.MainBundlePath() + "/Contents/Info.plist", {{"CFBundleDevelopmentRegion", region}});
     }
     TempDir folder_;
     FakeBundle bundle_{folder_.path() + "/Launcher.app"};
