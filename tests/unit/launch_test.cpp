@@ -21,23 +21,16 @@ public:
     double now = 1000.0;
 };
 
-std::string InfoPlist(const std::string& identifier) {
-    return "<plist version=\"1.0\"><dict><key>CFBundleIdentifier</key><string>" + identifier +
-           "</string></dict></plist>";
-}
-
 // An application with the launcher inside, in a folder whose name holds blanks, and a home folder.
 class LaunchTest : public ::testing::Test {
 protected:
     LaunchTest() {
         ForgetPreviousLaunchForTesting();
-        WriteFile(app + "/Contents/Info.plist", InfoPlist("com.quorvik.MobilePartner"));
+        WritePlist(app + "/Contents/Info.plist", {{"CFBundleIdentifier", "com.quorvik.MobilePartner"}});
     }
     ~LaunchTest() override { ForgetPreviousLaunchForTesting(); }
 
-    void SetPreference(const Value& value) {
-        WriteFile(prefs, platform::XmlPropertyList(Value(Dictionary{{"QVK Run Launcher", value}})));
-    }
+    void SetPreference(const Value& value) { WritePlist(prefs, {{"QVK Run Launcher", value}}); }
     // Launches at a fresh time, so that only the preference decides.
     bool LaunchesWith(const Value& value) {
         SetPreference(value);
@@ -75,13 +68,9 @@ TEST_F(LaunchTest, EveryRequestRestartsTheTwoSecondInterval) {
     EXPECT_THAT(shell.commands, ElementsAre(command, command));
 
     // Each request logs its call site; each launch its command.
-    std::vector<std::string> lines;
-    for (const auto& e : logger.entries)
-        lines.push_back(std::to_string(e.line) + " " + e.type + " " + e.message.value_or("<none>"));
-    EXPECT_THAT(lines, ElementsAre("15 Trace <none>", "80 Trace " + command, "15 Trace <none>", "15 Trace <none>",
-                                   "15 Trace <none>", "15 Trace <none>", "80 Trace " + command));
-    EXPECT_EQ(logger.entries[0].function, "LaunchMyApplication");
-    EXPECT_EQ(logger.entries[0].file, "Launch");
+    std::string request = "Launch:15(Trace): LaunchMyApplication";
+    std::string launch = "Launch:80(Trace): LaunchMyApplication: " + command;
+    EXPECT_THAT(logger.LogLines(), ElementsAre(request, launch, request, request, request, request, launch));
 }
 
 TEST_F(LaunchTest, ThePreferenceZeroSuppressesTheLaunchButStillRestartsTheInterval) {
@@ -109,8 +98,7 @@ TEST_F(LaunchTest, ThePreferenceZeroSuppressesTheLaunchButStillRestartsTheInterv
 }
 
 TEST_F(LaunchTest, APreferenceOfAnotherDomainOrAnUnreadableInfoPlistMeansLaunch) {
-    WriteFile(dir.path() + "/home/Library/Preferences/other.plist",
-              platform::XmlPropertyList(Value(Dictionary{{"QVK Run Launcher", Value(0)}})));
+    WritePlist(dir.path() + "/home/Library/Preferences/other.plist", {{"QVK Run Launcher", Value(0)}});
     LaunchMyApplication();
     SetPreference(Value(0));
     WriteFile(app + "/Contents/Info.plist", "damaged");
@@ -122,7 +110,7 @@ TEST_F(LaunchTest, APreferenceOfAnotherDomainOrAnUnreadableInfoPlistMeansLaunch)
 TEST_F(LaunchTest, APathThatCouldLeaveTheQuotesIsRefused) {
     for (const char* name : {"/Bad\"; touch x; \".app", "/$(id).app", "/`id`.app", "/a\\.app", "/a\nb.app"}) {
         std::string bad = dir.path() + name;
-        WriteFile(bad + "/Contents/Info.plist", InfoPlist("com.quorvik.Bad"));
+        WritePlist(bad + "/Contents/Info.plist", {{"CFBundleIdentifier", "com.quorvik.Bad"}});
         FakeBundle badBundle(bad + "/Launcher.app");
         platform::Replace<platform::Bundle> use(badBundle);
         CapturingLogger logger;
