@@ -11,17 +11,11 @@ namespace {
 using platform::ReadSystemVersionFile;
 using platform::SystemVersionNumber;
 
-std::string VersionPlist(const std::string& version) {
-    return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist "
-           "version=\"1.0\"><dict><key>ProductVersion</key><string>" +
-           version + "</string></dict></plist>";
-}
-
 TEST(SystemVersionFile, MapsReleasesToTheCappedNumber) {
     TempDir dir;
     std::string path = dir.path() + "/SystemVersion.plist";
-    auto number = [&](const std::string& version) -> std::optional<std::uint32_t> {
-        WriteFile(path, VersionPlist(version));
+    auto number = [&](const char* version) -> std::optional<std::uint32_t> {
+        WritePlist(path, {{"ProductVersion", version}});
         auto parts = ReadSystemVersionFile(path);
         return parts ? SystemVersionNumber(*parts) : std::nullopt;
     };

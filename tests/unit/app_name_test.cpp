@@ -9,6 +9,8 @@
 namespace qvk::test {
 namespace {
 
+using ::testing::ElementsAre;
+
 class AppName : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -16,15 +18,12 @@ protected:
         std::filesystem::create_directories(bundle_.MainBundlePath());
     }
     void TearDown() override { ForgetBundleDictionaryForTesting(); }
-    void WriteInfo(const std::string& displayName, const std::string& version) {
-        WriteFile(folder_.path() + "/App.app/Contents/Info.plist",
-                  "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\"><dict>"
-                  "<key>CFBundleDisplayName</key><string>" +
-                      displayName +
-                      "</string><key>CFBundleName</key><string>Quorvik</string>"
-                      "<key>CFBundleIdentifier</key><string>com.quorvik.MobilePartner</string>"
-                      "<key>CFBundleVersion</key><string>" +
-                      version + "</string></dict></plist>");
+    void WriteInfo(const char* displayName, const char* version) {
+        WritePlist(folder_.path() + "/App.app/Contents/Info.plist",
+                   {{"CFBundleDisplayName", displayName},
+                    {"CFBundleName", "Quorvik"},
+                    {"CFBundleIdentifier", "com.quorvik.MobilePartner"},
+                    {"CFBundleVersion", version}});
     }
     TempDir folder_;
     FakeBundle bundle_{folder_.path() + "/App.app/Launcher.app"};
@@ -42,9 +41,9 @@ TEST_F(AppName, FillsTheIdentityAndTakesTheLast13CharactersAsBuildId) {
     EXPECT_STREQ(QVK_Framework_Project_Name_Bundle, "Quorvik");
     EXPECT_EQ(QVK_Framework_Project_Identifier, "com.quorvik.MobilePartner");
     EXPECT_STREQ(QVK_Framework_BuildID_App, "201104.120000");
-    EXPECT_THAT(logger_.MessagesOf("GetAppName"), ::testing::ElementsAre("QVK_Framework_BuildID=\"201104.120000\""));
+    EXPECT_THAT(logger_.MessagesOf("GetAppName"), ElementsAre("QVK_Framework_BuildID=\"201104.120000\""));
     EXPECT_THAT(logger_.MessagesOf("GetCString"),
-                ::testing::ElementsAre("CFBundleDisplayName -> Mobile Partner \xe9", "CFBundleName -> Quorvik"));
+                ElementsAre("CFBundleDisplayName -> Mobile Partner \xe9", "CFBundleName -> Quorvik"));
     EXPECT_EQ(ParentPath(), folder_.path() + "/App.app/Launcher.app/../Contents");
 }
 
@@ -56,7 +55,7 @@ TEST_F(AppName, AShortVersionKeepsTheBuildIdAndANameOutsideLatin1IsEmpty) {
     EXPECT_EQ(QVK_Framework_ApplicationName, "Mobile \xe2\x82\xac");
     EXPECT_STREQ(QVK_Framework_Project_Name, "");
     EXPECT_TRUE(logger_.MessagesOf("GetAppName").empty());
-    EXPECT_THAT(logger_.MessagesOf("GetCString"), ::testing::ElementsAre("CFBundleName -> Quorvik"));
+    EXPECT_THAT(logger_.MessagesOf("GetCString"), ElementsAre("CFBundleName -> Quorvik"));
 }
 
 TEST_F(AppName, AMissingListGivesEmptyNamesAndIsReadAgainLater) {
@@ -71,9 +70,8 @@ TEST_F(AppName, FilePathIsBesideTheLauncherBundle) {
     EXPECT_EQ(QVK_Framework_FilePath("NetworkBlocker.xml"),
               folder_.path() + "/App.app/Contents/Resources/NetworkBlocker.xml");
     EXPECT_EQ(QVK_Framework_FilePath(nullptr), std::nullopt);
-    EXPECT_THAT(
-        logger_.MessagesOf("QVK_Framework_FilePath"),
-        ::testing::ElementsAre("-> " + folder_.path() + "/App.app/Contents/Resources/NetworkBlocker.xml", "-> nil"));
+    EXPECT_THAT(logger_.MessagesOf("QVK_Framework_FilePath"),
+                ElementsAre("-> " + folder_.path() + "/App.app/Contents/Resources/NetworkBlocker.xml", "-> nil"));
 }
 
 }  // namespace

@@ -36,7 +36,6 @@ TEST(StringToNumberDeathTest, LeftoverCharactersEndTheProcess) {
 }
 
 TEST(SystemVersion, KextFolderFollowsTheRelease) {
-    FakeGestalt v109(0x1090, {10, 9, 5});
     FakeGestalt v1014(0x1094, {10, 14, 6});
     FakeGestalt v1015(0x1090, {10, 15, 0});
     FakeGestalt v1058(0x1058, {10, 5, 8});
@@ -45,7 +44,6 @@ TEST(SystemVersion, KextFolderFollowsTheRelease) {
         return KextFolder();
     };
     EXPECT_EQ(folder(v1058), "/System/Library/Extensions");
-    EXPECT_EQ(folder(v109), "/System/Library/Extensions");
     EXPECT_EQ(folder(v1014), "/System/Library/Extensions");
     EXPECT_EQ(folder(v1015), "/Library/Extensions");
     platform::Replace<platform::Gestalt> use(v1058);
@@ -85,10 +83,7 @@ TEST(KernelErrorMessage, NamesTwoCodesAndPrintsTheOthersPerThread) {
 }
 
 TEST(TextEncoding, Latin1BothWays) {
-    EXPECT_EQ(QVK_Framework_EncodeLatin1("n\xc3\xa4"
-                                         "chsten"),
-              std::string("n\xe4"
-                          "chsten"));
+    EXPECT_EQ(QVK_Framework_EncodeLatin1("M\xc3\xbcnster"), "M\xfcnster");
     EXPECT_EQ(QVK_Framework_EncodeLatin1("\xe2\x82\xac"), std::nullopt);
     EXPECT_EQ(QVK_Framework_EncodeLatin1("\xe4"), std::nullopt);
     EXPECT_EQ(QVK_Framework_DecodeLatin1("Succ\xe8s"), "Succ\xc3\xa8s");

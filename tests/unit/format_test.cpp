@@ -8,13 +8,16 @@
 namespace qvk {
 namespace {
 
-TEST(Format, IntegersFollowTheLengthModifier) {
+TEST(Format, ConversionsFollowTheLengthModifierAndOtherTextStands) {
     EXPECT_EQ(Format("uid: %u euid: %u", -1, 0), "uid: 4294967295 euid: 0");
     EXPECT_EQ(Format("%08lx", std::int64_t{-536870208}), "ffffffffe00002c0");
     EXPECT_EQ(Format("%08x", 0x1058), "00001058");
     EXPECT_EQ(Format("%04x/%04x", 0x12d1, 0x1001), "12d1/1001");
     EXPECT_EQ(Format("%d %hhd %ld", std::int64_t{0x100000005}, 0x1ff, std::int64_t{-7}), "5 -1 -7");
     EXPECT_EQ(Format("%5.1f|%-3s|%c|%%", 2.25, "a", 'x'), "  2.2|a  |x|%");
+    // Text that is no conversion stands.
+    EXPECT_EQ(Format("100%"), "100%");
+    EXPECT_EQ(Format("%y", 1), "%y");
 }
 
 TEST(Format, ObjectsAndNullsPrintAsFoundationDoes) {
@@ -45,11 +48,6 @@ TEST(Value, RealsBecomeIntegersWithinRange) {
     EXPECT_TRUE(Value(1e300).GetInteger(n));
     EXPECT_EQ(n, INT64_MAX);
     EXPECT_FALSE(Value("7").GetInteger(n));
-}
-
-TEST(Format, TextThatIsNoConversionStands) {
-    EXPECT_EQ(Format("100%"), "100%");
-    EXPECT_EQ(Format("%y", 1), "%y");
 }
 
 }  // namespace
