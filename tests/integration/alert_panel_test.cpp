@@ -1,8 +1,7 @@
 // The alert panel against real zenity under Xvfb and a real pseudo-terminal.
-#include <fcntl.h>
-#include <sys/ioctl.h>
+#include <poll.h>
+#include <pty.h>
 #include <sys/wait.h>
-#include <termios.h>
 #include <unistd.h>
 
 #include <gmock/gmock.h>
@@ -116,22 +115,16 @@ struct TerminalRun {
 TerminalRun RunOnTerminal(bool withTerminal, std::uint32_t user, const std::optional<std::string>& alternate,
                           const std::string& typed) {
     TerminalRun run;
-    int master = posix_openpt(O_RDWR | O_NOCTTY);
-    if (master < 0 || grantpt(master) != 0 || unlockpt(master) != 0) {
-        ADD_FAILURE() << "no pseudo-terminal";
+    int results[2], master = -1;
+    if (pipe(results) != 0) return run;
+    pid_t pid = withTerminal ? forkpty(&master, nullptr, nullptr, nullptr) : fork();
+    if (pid < 0) {
+        ADD_FAILURE() << "no child with a pseudo-terminal";
         return run;
     }
-    std::string slave = ptsname(master);
-    int results[2];
-    if (pipe(results) != 0) return run;
-    pid_t pid = fork();
     if (pid == 0) {
         close(results[0]);
-        setsid();
-        if (withTerminal) {
-            int tty = open(slave.c_str(), O_RDWR);
-            if (tty < 0 || ioctl(tty, TIOCSCTTY, 0) != 0) _exit(2);
-        }
+        if (!withTerminal) setsid();
         unsetenv("DISPLAY");
         unsetenv("WAYLAND_DISPLAY");
         AlertPanel& panel = platform::Use<AlertPanel>();
@@ -144,17 +137,12 @@ TerminalRun RunOnTerminal(bool withTerminal, std::uint32_t user, const std::opti
     }
     close(results[1]);
     if (withTerminal) {
-        // Read the prompt up to its end, note who shows it, then answer.
+        // Read the prompt up to its end (waiting 20 s at most for each piece), note who shows it, then answer.
         char buf[512];
-        auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-        while (run.screen.find("No) ") == std::string::npos && std::chrono::steady_clock::now() < deadline) {
-            fcntl(master, F_SETFL, O_NONBLOCK);
-            ssize_t n = read(master, buf, sizeof buf);
-            if (n > 0)
-                run.screen.append(buf, static_cast<std::size_t>(n));
-            else
-                std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        }
+        pollfd ready{master, POLLIN, 0};
+        for (ssize_t n; run.screen.find("No) ") == std::string::npos && poll(&ready, 1, 20000) > 0 &&
+                        (n = read(master, buf, sizeof buf)) > 0;)
+            run.screen.append(buf, static_cast<std::size_t>(n));
         std::ifstream children("/proc/" + std::to_string(pid) + "/task/" + std::to_string(pid) + "/children");
         pid_t prompt = 0;
         if (children >> prompt) run.promptUids = UserIdsOf(prompt);
@@ -165,7 +153,7 @@ TerminalRun RunOnTerminal(bool withTerminal, std::uint32_t user, const std::opti
     for (ssize_t n; (n = read(results[0], buf, sizeof buf)) > 0;) run.result.append(buf, static_cast<std::size_t>(n));
     close(results[0]);
     waitpid(pid, nullptr, 0);
-    close(master);
+    if (master >= 0) close(master);
     return run;
 }
 

@@ -106,9 +106,7 @@ public:
 
     // xdotool on this display.
     std::string Xdotool(std::vector<std::string> args, int* status = nullptr) const {
-        args.insert(args.begin(), "xdotool");
-        args.insert(args.begin(), "20");
-        args.insert(args.begin(), "timeout");
+        args.insert(args.begin(), {"timeout", "20", "xdotool"});
         return RunProgram(args, {"DISPLAY=" + name_}, status);
     }
 
