@@ -19,9 +19,7 @@ public:
     struct Armed {
         std::string type;
         Value matching;
-        platform::ServiceMatchingCallback callback;
         void* refcon;
-        platform::IoIterator iterator;
         bool portAlive() const { return *alive; }
         std::shared_ptr<bool> alive;
     };
@@ -88,7 +86,7 @@ private:
         explicit Port(FakeUsb& usb) : usb_(usb) {}
         ~Port() override { *alive_ = false; }
         bool AddSourceToMainRunLoop() override { return usb_.sources_++ != usb_.failSourceAt; }
-        bool AddMatchingNotification(const char* type, const Value& matching, platform::ServiceMatchingCallback cb,
+        bool AddMatchingNotification(const char* type, const Value& matching, platform::ServiceMatchingCallback,
                                      void* refcon, platform::IoIterator& iterator) override {
             bool publish = std::string(type) == platform::kPublishNotification;
             int& count = publish ? usb_.publishes_ : usb_.terminates_;
@@ -99,7 +97,7 @@ private:
                     if (Value(usb_.properties_[s])[platform::kUsbVendorKey] == matching[platform::kUsbVendorKey] &&
                         Value(usb_.properties_[s])[platform::kUsbProductKey] == matching[platform::kUsbProductKey])
                         usb_.iterators_[iterator].push_back(s);
-            usb_.armed.push_back({type, matching, cb, refcon, iterator, alive_});
+            usb_.armed.push_back({type, matching, refcon, alive_});
             return true;
         }
 

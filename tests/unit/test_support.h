@@ -19,6 +19,7 @@
 #include <optional>
 #include <sstream>
 #include <string>
+#include <tuple>
 #include <type_traits>
 #include <utility>
 #include <vector>
@@ -224,9 +225,7 @@ public:
     std::optional<std::uint32_t> SystemVersion() override { return number_; }
     std::optional<platform::VersionTriple> SystemVersionParts() override { return parts_; }
     bool IsOperatingSystemAtLeast(const platform::VersionTriple& v) override {
-        if (parts_.major != v.major) return parts_.major > v.major;
-        if (parts_.minor != v.minor) return parts_.minor > v.minor;
-        return parts_.bugfix >= v.bugfix;
+        return std::tie(parts_.major, parts_.minor, parts_.bugfix) >= std::tie(v.major, v.minor, v.bugfix);
     }
     std::string OperatingSystemVersionString() override { return "Version test"; }
 
