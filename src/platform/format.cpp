@@ -9,16 +9,16 @@ namespace {
 
 // snprintf into a string of whatever size the result needs.
 template <class T>
-void Append(std::string& out, const std::string& spec, T value) {
+void Append(std::string& out, const std::string& conversion, T value) {
     char small[128];
-    int n = std::snprintf(small, sizeof small, spec.c_str(), value);
+    int n = std::snprintf(small, sizeof small, conversion.c_str(), value);
     if (n < 0) return;
     if (static_cast<std::size_t>(n) < sizeof small) {
         out.append(small, static_cast<std::size_t>(n));
         return;
     }
     std::vector<char> big(static_cast<std::size_t>(n) + 1);
-    std::snprintf(big.data(), big.size(), spec.c_str(), value);
+    std::snprintf(big.data(), big.size(), conversion.c_str(), value);
     out.append(big.data(), static_cast<std::size_t>(n));
 }
 
@@ -60,21 +60,21 @@ std::string FormatArgs(std::string_view format, std::initializer_list<FormatArg>
             continue;
         }
         std::size_t start = i++;
-        std::string spec = "%";
+        std::string conversion = "%";
         while (i < format.size() && std::string_view("-+ #0'").find(format[i]) != std::string_view::npos)
-            spec += format[i++];
+            conversion += format[i++];
         // Width and precision, either digits or '*' taken from the arguments.
         for (int part = 0; part < 2; ++part) {
             if (part == 1) {
                 if (i >= format.size() || format[i] != '.') break;
-                spec += format[i++];
+                conversion += format[i++];
             }
             if (i < format.size() && format[i] == '*') {
                 const FormatArg* a = take();
-                spec += std::to_string(a ? static_cast<int>(a->integer()) : 0);
+                conversion += std::to_string(a ? static_cast<int>(a->integer()) : 0);
                 ++i;
             }
-            while (i < format.size() && format[i] >= '0' && format[i] <= '9') spec += format[i++];
+            while (i < format.size() && format[i] >= '0' && format[i] <= '9') conversion += format[i++];
         }
         std::size_t lengthStart = i;
         while (i < format.size() && std::string_view("hlLqjzt").find(format[i]) != std::string_view::npos) ++i;
@@ -88,12 +88,12 @@ std::string FormatArgs(std::string_view format, std::initializer_list<FormatArg>
         case '%': out += '%'; break;
         case '@': {
             const FormatArg* a = take();
-            if (a) Append(out, spec + "s", TextOf(*a).c_str());
+            if (a) Append(out, conversion + "s", TextOf(*a).c_str());
             break;
         }
         case 's': {
             const FormatArg* a = take();
-            if (a) Append(out, spec + "s", TextOf(*a).c_str());
+            if (a) Append(out, conversion + "s", TextOf(*a).c_str());
             break;
         }
         case 'd':
@@ -107,11 +107,11 @@ std::string FormatArgs(std::string_view format, std::initializer_list<FormatArg>
             if (!a) break;
             std::int64_t v = a->kind() == FormatArg::Kind::Real ? static_cast<std::int64_t>(a->real()) : a->integer();
             if (conv == 'c') {
-                Append(out, spec + "c", static_cast<int>(static_cast<unsigned char>(v)));
+                Append(out, conversion + "c", static_cast<int>(static_cast<unsigned char>(v)));
             } else if (conv == 'd' || conv == 'i') {
-                Append(out, spec + "lld", static_cast<long long>(Narrow(v, length, true)));
+                Append(out, conversion + "lld", static_cast<long long>(Narrow(v, length, true)));
             } else {
-                Append(out, spec + "ll" + conv, static_cast<unsigned long long>(Narrow(v, length, false)));
+                Append(out, conversion + "ll" + conv, static_cast<unsigned long long>(Narrow(v, length, false)));
             }
             break;
         }
@@ -126,12 +126,12 @@ std::string FormatArgs(std::string_view format, std::initializer_list<FormatArg>
             const FormatArg* a = take();
             if (!a) break;
             double v = a->kind() == FormatArg::Kind::Real ? a->real() : static_cast<double>(a->integer());
-            Append(out, spec + conv, v);
+            Append(out, conversion + conv, v);
             break;
         }
         case 'p': {
             const FormatArg* a = take();
-            if (a) Append(out, spec + "p", a->pointer());
+            if (a) Append(out, conversion + "p", a->pointer());
             break;
         }
         default:
