@@ -1,13 +1,17 @@
 // The kernel event queue's Linux implementation against real folders, inotify and pipes.
 #include <fcntl.h>
+#include <pthread.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstring>
+#include <thread>
 
 #include "../unit/test_support.h"
 #include "platform/kernel_queue.h"
@@ -127,6 +131,37 @@ TEST_F(KernelQueueTest, APipeIsReportedOncePerArrivalWithTheBytesWaiting) {
     events = Wait(change, kSecond);
     ASSERT_EQ(events.size(), 1u);
     EXPECT_EQ(events[0].data, 2);
+}
+
+TEST_F(KernelQueueTest, AWaitInterruptedByASignalGoesOnWaiting) {
+    // A handler without SA_RESTART, as glibc's own when it changes the ids of every thread.
+    struct sigaction action {
+    }, previous{};
+    action.sa_handler = [](int) {};
+    ASSERT_EQ(sigaction(SIGUSR1, &action, &previous), 0);
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    UniqueFd readEnd(ends[0]), writeEnd(ends[1]);
+    const KernelEvent change{static_cast<std::uintptr_t>(ends[0]),
+                             platform::kEventFilterRead,
+                             platform::kEventAdd | platform::kEventClear,
+                             0,
+                             0,
+                             nullptr};
+    std::atomic<int> result{-2};
+    std::thread waiter([&] {
+        KernelEvent out[2]{};
+        result = service_.Event(queue_.get(), &change, 1, out, 2, nullptr);
+    });
+    for (int i = 0; i < 20; ++i) {
+        pthread_kill(waiter.native_handle(), SIGUSR1);
+        usleep(5000);
+    }
+    EXPECT_EQ(result, -2) << "the wait ended early: " << std::strerror(errno);
+    ASSERT_EQ(write(ends[1], "x", 1), 1);
+    waiter.join();
+    EXPECT_EQ(result, 1);
+    sigaction(SIGUSR1, &previous, nullptr);
 }
 
 TEST_F(KernelQueueTest, FailedChangesBecomeErrorRecordsOrFailTheCallWithoutRoom) {

@@ -171,6 +171,9 @@ public:
             int saved = errno;
             lock.lock();
             waited = true;
+            // An interrupted wait is resumed: glibc interrupts every thread when the process
+            // changes its user ids, which must not end a wait that knows nothing of it.
+            if (got < 0 && saved == EINTR) continue;
             if (got < 0) {
                 errno = saved;
                 return -1;
