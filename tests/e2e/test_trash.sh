@@ -90,15 +90,6 @@ expect_file "$MODEM_SCRIPT"
 expect_file "$RECEIPT"
 expect_no_call /usr/bin/zenity
 
-scenario "moved into a volume's .Trashes: not the user's Trash, so a move"
-record_env QUORVIKCRAP_INSTALLATIONMOVED
-installed_package
-MOVED="/Volumes/Stick/.Trashes/$USER_ID/Quorvik Mobile Partner.app"
-run_and_move "$MOVED"
-expect_restart "$MOVED/Launcher.app"
-expect_agent "$MOVED/Launcher.app"
-expect_file "$MODEM_SCRIPT"
-
 scenario "deleted: the folder has no path, so a move to nowhere; the agent goes and is not made again"
 record_env QUORVIKCRAP_INSTALLATIONMOVED
 installed_package

@@ -192,14 +192,5 @@ TEST_F(KernelQueueTest, FailedChangesBecomeErrorRecordsOrFailTheCallWithoutRoom)
     EXPECT_EQ(errno, ENOENT);
 }
 
-TEST_F(KernelQueueTest, AClosedQueueIsGone) {
-    int fd = queue_.get();
-    queue_.reset();
-    errno = 0;
-    EXPECT_EQ(service_.Event(fd, nullptr, 0, nullptr, 0, &kNoWait), -1);
-    EXPECT_EQ(errno, EBADF);
-    EXPECT_EQ(fcntl(fd, F_GETFD), -1) << "the descriptor is closed";
-}
-
 }  // namespace
 }  // namespace qvk::test

@@ -107,28 +107,6 @@ TEST(MyAutoCleanupTrigger, TrashedTheApplicationIsUninstalledFromTheTrashThenThe
     });
 }
 
-TEST(MyAutoCleanupTrigger, MovedAutostartFollowsAndTheLauncherIsStartedFromTheNewPlaceWithTheVariableSet) {
-    InSandboxRoot([] {
-        UninstallWorld world(0x1068);
-        auto watch = Install();
-        WriteFile("/usr/bin/open", "#!/bin/sh\necho \"$0 $* | $QUORVIKCRAP_INSTALLATIONMOVED\" >>/tmp/open-calls\n");
-        ASSERT_EQ(chmod("/usr/bin/open", 0755), 0);
-        std::filesystem::create_directories("/Applications/Moved");
-        ASSERT_EQ(rename(kApp.c_str(), kMovedApp.c_str()), 0);
-        unsetenv("QUORVIKCRAP_INSTALLATIONMOVED");
-
-        int status = Trigger(*watch, world.journal);
-        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
-        EXPECT_EQ(ReadFile("/tmp/open-calls"), "/usr/bin/open -a " + kMovedApp + "/Launcher.app | yes\n");
-        std::optional<Value> agent = platform::ReadPropertyList(kAgent);
-        ASSERT_TRUE(agent);
-        EXPECT_EQ((*agent)["Program"], Value(kMovedApp + "/Launcher.app/Contents/MacOS/Launchd Skript"));
-        struct stat st {};
-        ASSERT_EQ(stat(kAgent.c_str(), &st), 0);
-        EXPECT_EQ(st.st_uid, 501u) << "the agent belongs to the user";
-    });
-}
-
 TEST(MyAutoCleanupTrigger, MovedAndTheRestartFailsTheLauncherTriesOnceMoreInAChildAndEndsQuietly) {
     InSandboxRoot([] {
         UninstallWorld world(0x1068);
