@@ -369,7 +369,9 @@ private:
 
 template <>
 KernelQueue& DefaultService<KernelQueue>() {
-    static LinuxKernelQueue queue;
+    // Never destroyed: a monitor's worker waits on its queue until the process ends, also while
+    // the static objects are destroyed after exit.
+    static LinuxKernelQueue& queue = *std::make_unique<LinuxKernelQueue>().release();
     return queue;
 }
 
