@@ -1,4 +1,5 @@
 // The built Launcher as a set-user-id super-user executable, started by an unprivileged user.
+#include <fcntl.h>
 #include <grp.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -11,6 +12,7 @@
 
 #include "../unit/test_support.h"
 #include "desktop_session.h"
+#include "platform/unique_fd.h"
 
 namespace qvk::test {
 namespace {
@@ -23,19 +25,23 @@ constexpr unsigned kNobody = 65534;
 constexpr const char* kPackage = "/tmp/pkg/Quorvik.app";
 constexpr const char* kHome = "/tmp/home";
 
+// The built Launcher, through a descriptor of the build folder taken before the private /tmp can
+// hide a build folder that lies in /tmp.
 std::string BuiltLauncher() {
-    return std::filesystem::canonical("/proc/self/exe").parent_path().parent_path() /
-           "Launcher.app/Contents/MacOS/Launcher";
+    static platform::UniqueFd build(
+        open(std::filesystem::canonical("/proc/self/exe").parent_path().parent_path().c_str(),
+             O_PATH | O_DIRECTORY | O_CLOEXEC));
+    return "/proc/self/fd/" + std::to_string(build.get()) + "/Launcher.app/Contents/MacOS/Launcher";
 }
 
 class SetuidLauncher : public ::testing::Test {
 protected:
     void SetUp() override {
         ASSERT_EQ(geteuid(), 0u) << "this test needs root: it installs a set-user-id super-user executable";
+        std::string built = BuiltLauncher();
         // A private /tmp: a tmpfs without nosuid, and log markers that no other process sees.
         UsePrivateTmp();
         ASSERT_FALSE(HasFailure());
-        std::string built = BuiltLauncher();
         ASSERT_TRUE(std::filesystem::exists(built)) << "build the Launcher first: " << built;
 
         namespace fs = std::filesystem;
