@@ -45,6 +45,7 @@ public:
     explicit Bundle(std::string path) : path_(std::move(path)) {}
     std::string MainBundlePath() override { return path_; }
     std::string MainExecutablePath() override { return path_ + "/Contents/MacOS/Launcher"; }
+    int MainExecutable() override { return -1; }
 
 private:
     std::string path_;

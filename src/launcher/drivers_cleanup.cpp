@@ -126,6 +126,6 @@ void Launcher_DriversCleanup() {
         qvk::platform::Use<qvk::platform::Shell>().System("/usr/bin/killall -HUP kextd");
     }
 
-    qvk::platform::Use<qvk::platform::ProcessIdentity>().SetUserID(MyUser);
+    qvk::platform::Use<qvk::platform::ProcessIdentity>().BecomeUser(MyUser);
     MoveUserDataToTrash(kFunction, kSource);
 }

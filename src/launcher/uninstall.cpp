@@ -122,7 +122,7 @@ void Launcher_PerformCleanup(bool killApp, const std::string& bundlePath) {
     if (killApp) Launcher_KillApp();
 
     // From here on everything runs as the user.
-    qvk::platform::Use<qvk::platform::ProcessIdentity>().SetUserID(MyUser);
+    qvk::platform::Use<qvk::platform::ProcessIdentity>().BecomeUser(MyUser);
     LogUserIDs(kFunction, kSource);
     QVK_Framework_Tidyup(true);
     KillDefaults();

@@ -1,12 +1,15 @@
-// Who the process runs as, and the calls that change it: user ids, the owner and mode of a file,
-// and the replacement of the process image. A seam, so that the set-user-id hand-over can be
-// followed step by step without privileges.
+// Who the process runs as, and the calls that change it: the user it becomes, the owner and mode
+// of its own executable, and the replacement of the process image by that executable. The file is
+// always acted on through a descriptor, so that renaming or replacing its path changes nothing. A
+// seam, so that the set-user-id hand-over can be followed step by step without privileges.
 #pragma once
 
 #include <sys/types.h>
 
 #include <cstdint>
 #include <string>
+
+#include "platform/account.h"
 
 namespace qvk::platform {
 
@@ -15,12 +18,24 @@ public:
     virtual ~ProcessIdentity() = default;
     virtual std::uint32_t RealUserID() = 0;
     virtual std::uint32_t EffectiveUserID() = 0;
-    // setuid: 0 on success, -1 with errno set on failure (as every call below).
-    virtual int SetUserID(std::uint32_t uid) = 0;
-    virtual int ChangeOwner(const std::string& path, std::uint32_t uid, std::uint32_t gid) = 0;
-    virtual int ChangeMode(const std::string& path, mode_t mode) = 0;
-    // execve: returns only when the process image could not be replaced.
+    // The whole identity of `uid`: its account's supplementary groups, group and user id, and its
+    // home folder in HOME. 0 is the super-user with group 0 and no supplementary groups (HOME as it
+    // is). 0 on success, -1 with errno set on failure (as every call below).
+    virtual int BecomeUser(std::uint32_t uid) = 0;
+    // Whether this process image was started from a descriptor, as the set-user-id hand-over
+    // starts the privileged run; a start by path is not.
+    virtual bool StartedFromDescriptor() = 0;
+    virtual int ChangeOwner(int fd, std::uint32_t uid, std::uint32_t gid) = 0;
+    virtual int ChangeMode(int fd, mode_t mode) = 0;
+    // Replaces the process image by the file `fd` refers to; returns only when that failed.
+    virtual int Execute(int fd, char* const argv[], char* const envp[]) = 0;
+    // execve of a path: returns only when the process image could not be replaced.
     virtual int Execute(const std::string& path, char* const argv[], char* const envp[]) = 0;
 };
+
+// Takes the account's supplementary groups, group and user id, in that order, and makes sure the
+// super-user is out of reach afterwards. Only async-signal-safe calls, so a forked child may use
+// it. 0, or the errno that stopped it.
+int TakeIdentity(const Account& account);
 
 }  // namespace qvk::platform

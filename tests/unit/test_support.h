@@ -157,38 +157,47 @@ public:
 // Thrown where the real process image would be replaced.
 struct ImageReplaced {};
 
-// Records every call that changes the process; the ids follow setuid as the kernel's would for
-// the super-user.
+// Records every call that changes the process, a descriptor shown as "<fd>"; the ids follow
+// setuid as the kernel's would for the super-user.
 class RecordingProcess : public platform::ProcessIdentity {
 public:
     RecordingProcess(std::uint32_t real, std::uint32_t effective) : real_(real), effective_(effective) {}
     std::uint32_t RealUserID() override { return real_; }
     std::uint32_t EffectiveUserID() override { return effective_; }
-    int SetUserID(std::uint32_t uid) override {
-        calls.push_back(Format("setuid %u", uid));
+    int BecomeUser(std::uint32_t uid) override {
+        calls.push_back(Format("become %u", uid));
         real_ = effective_ = uid;
         return 0;
     }
-    int ChangeOwner(const std::string& path, std::uint32_t uid, std::uint32_t gid) override {
-        calls.push_back(Format("chown %u:%u %@", uid, gid, path));
+    bool StartedFromDescriptor() override { return fromDescriptor; }
+    int ChangeOwner(int fd, std::uint32_t uid, std::uint32_t gid) override {
+        calls.push_back(Format("chown %u:%u <%d>", uid, gid, fd));
         return 0;
     }
-    int ChangeMode(const std::string& path, mode_t mode) override {
-        calls.push_back(Format("chmod %o %@", mode, path));
+    int ChangeMode(int fd, mode_t mode) override {
+        calls.push_back(Format("chmod %o <%d>", mode, fd));
         return 0;
+    }
+    int Execute(int fd, char* const argv[], char* const envp[]) override {
+        return Replaced(Format("execve <%d>", fd), argv, envp);
     }
     int Execute(const std::string& path, char* const argv[], char* const envp[]) override {
-        calls.push_back("execve " + path);
+        return Replaced("execve " + path, argv, envp);
+    }
+
+    std::vector<std::string> calls, arguments, environment;
+    bool failExecute = false;
+    bool fromDescriptor = false;
+
+private:
+    int Replaced(const std::string& call, char* const argv[], char* const envp[]) {
+        calls.push_back(call);
         for (char* const* a = argv; *a; ++a) arguments.push_back(*a);
         for (char* const* e = envp; *e; ++e) environment.push_back(*e);
         if (failExecute) return -1;
         throw ImageReplaced{};
     }
 
-    std::vector<std::string> calls, arguments, environment;
-    bool failExecute = false;
-
-private:
     std::uint32_t real_, effective_;
 };
 
@@ -213,6 +222,10 @@ public:
     explicit FakeBundle(std::string bundle) : bundle_(std::move(bundle)) {}
     std::string MainBundlePath() override { return bundle_; }
     std::string MainExecutablePath() override { return bundle_ + "/Contents/MacOS/Launcher"; }
+    int MainExecutable() override { return executable; }
+
+    // Stands for a descriptor; nothing is opened.
+    int executable = 42;
 
 private:
     std::string bundle_;

@@ -74,13 +74,15 @@ public:
         : journal_(journal), uid_(uid), executions_(std::move(executions)) {}
     std::uint32_t RealUserID() override { return uid_; }
     std::uint32_t EffectiveUserID() override { return uid_; }
-    int SetUserID(std::uint32_t uid) override {
+    int BecomeUser(std::uint32_t uid) override {
         journal_.push_back(Format("setuid %u", uid));
         uid_ = uid;
         return 0;
     }
-    int ChangeOwner(const std::string&, std::uint32_t, std::uint32_t) override { return 0; }
-    int ChangeMode(const std::string&, mode_t) override { return 0; }
+    bool StartedFromDescriptor() override { return false; }
+    int ChangeOwner(int, std::uint32_t, std::uint32_t) override { return 0; }
+    int ChangeMode(int, mode_t) override { return 0; }
+    int Execute(int, char* const[], char* const[]) override { return -1; }
     int Execute(const std::string& path, char* const argv[], char* const envp[]) override {
         std::string line = path;
         for (char* const* a = argv; *a; ++a) line += std::string(" ") + *a;

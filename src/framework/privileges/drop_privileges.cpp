@@ -14,7 +14,7 @@ void QVK_Framework_DropPrivileges() {
     QVK_Framework_Log_Internal("QVK_Framework_DropPrivileges", kSource, 16, 5, nullptr);
     std::uint32_t uid = process.EffectiveUserID();
     if (uid == 0) uid = process.RealUserID();
-    if (uid != 0) process.SetUserID(uid);
+    if (uid != 0) process.BecomeUser(uid);
     QVK_Framework_Log_Internal("QVK_Framework_DropPrivileges", kSource, 29, 5, "real uid: %d, effective uid: %d",
                                static_cast<int>(process.RealUserID()), static_cast<int>(process.EffectiveUserID()));
 }
@@ -24,11 +24,11 @@ qvk::platform::AlertPanel* QVK_Framework_SharedAppAndDropPrivileges(qvk::platfor
     auto& process = qvk::platform::Use<qvk::platform::ProcessIdentity>();
     if (QVK_Framework_SystemVersion() < 0x1060) {
         std::uint32_t real = process.RealUserID();
-        if (real != 0) process.SetUserID(real);
+        if (real != 0) process.BecomeUser(real);
         applicationClass.SharedApplication(real);
         return &applicationClass;
     }
     applicationClass.SharedApplication(userId);
-    if (userId != 0) process.SetUserID(userId);
+    if (userId != 0) process.BecomeUser(userId);
     return nullptr;
 }

@@ -5,8 +5,8 @@
 
 #include "platform/alert_panel.h"
 
-// Makes the process run as one ordinary user: the effective user, or the real one when the
-// effective user is the super-user.
+// Makes the process run as one ordinary user, with that user's groups and home folder: the
+// effective user, or the real one when the effective user is the super-user.
 void QVK_Framework_DropPrivileges();
 
 // Obtains the shared application object of `applicationClass` and drops to the user; the order

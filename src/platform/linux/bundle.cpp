@@ -1,11 +1,13 @@
 #include "platform/bundle.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <string_view>
 #include <vector>
 
 #include "platform/service.h"
+#include "platform/unique_fd.h"
 
 namespace qvk::platform {
 
@@ -41,14 +43,20 @@ std::string BundleOf(const std::string& executable) {
 
 class LinuxBundle final : public Bundle {
 public:
-    // Read once, so that the paths stay those of the start even after the bundle is moved.
-    LinuxBundle() : executable_(ReadSelfExe()), bundle_(BundleOf(executable_)) {}
+    // Read once, so that the paths stay those of the start even after the bundle is moved; the
+    // running image itself is opened, not whatever its path names by then.
+    LinuxBundle()
+        : executablePath_(ReadSelfExe()),
+          bundle_(BundleOf(executablePath_)),
+          executable_(open("/proc/self/exe", O_RDONLY | O_CLOEXEC)) {}
     std::string MainBundlePath() override { return bundle_; }
-    std::string MainExecutablePath() override { return executable_; }
+    std::string MainExecutablePath() override { return executablePath_; }
+    int MainExecutable() override { return executable_.get(); }
 
 private:
-    std::string executable_;
+    std::string executablePath_;
     std::string bundle_;
+    UniqueFd executable_;
 };
 
 }  // namespace
