@@ -1,11 +1,13 @@
 // The file monitor on real folders: inotify underneath, the GLib run loop as the main thread's.
 #include <dirent.h>
+#include <pthread.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstring>
 #include <functional>
 #include <mutex>
@@ -158,6 +160,18 @@ TEST(FileMonitor, AMissingPathFailsCreationWithItsLogLineAndLeavesNothingOpen) {
     EXPECT_EQ(failure.line, 154u);
     EXPECT_EQ(failure.file, "Apple/../../../Framework/Library/Filesystem/Apple/FilesystemMonitor");
     EXPECT_EQ(failure.function, "-[QVK_Framework_FileMonitor QVK_Framework_FileMonitor_InitForName:Events:]");
+
+    // No thread can start: every new thread would want more stack than there is address space.
+    RunInChild([&] {
+        pthread_attr_t huge;
+        pthread_attr_init(&huge);
+        ASSERT_EQ(pthread_attr_setstacksize(&huge, std::size_t{1} << 46), 0);
+        ASSERT_EQ(pthread_setattr_default_np(&huge), 0);
+        int before = OpenDescriptors();
+        auto unstarted = std::make_shared<RecordingMonitor>();
+        EXPECT_FALSE(unstarted->QVK_Framework_FileMonitor_InitForName(dir.path(), kDeleteAndRename));
+        EXPECT_EQ(OpenDescriptors(), before);
+    });
 }
 
 TEST(FileMonitor, TheTerminationByteStopsTheWorkerBeforeLaterChanges) {
@@ -176,6 +190,47 @@ TEST(FileMonitor, TheTerminationByteStopsTheWorkerBeforeLaterChanges) {
         ASSERT_EQ(rename(watched.c_str(), (watched + "-renamed").c_str()), 0);
         Serve([] { return false; }, 0.3);
         EXPECT_TRUE(monitor->records.empty());
+    });
+}
+
+// The platform's queue service, wrapped: counts the waits under way and, destroyed while one is,
+// ends the process with status 3, as a worker would come back into a destroyed service.
+class QueueOutlivedByNoWait : public platform::KernelQueue {
+public:
+    ~QueueOutlivedByNoWait() override {
+        if (waiting_ > 0) _exit(3);
+    }
+    int Create() override { return real_.Create(); }
+    int Event(int queue, const KernelEvent* changes, int changeCount, KernelEvent* events, int eventCount,
+              const timespec* timeout) override {
+        ++waiting_;
+        int n = real_.Event(queue, changes, changeCount, events, eventCount, timeout);
+        --waiting_;
+        return n;
+    }
+    int Close(int queue) override { return real_.Close(queue); }
+    int OpenForEvents(const std::string& path) override { return real_.OpenForEvents(path); }
+
+private:
+    platform::KernelQueue& real_ = platform::Use<platform::KernelQueue>();
+    std::atomic<int> waiting_ = 0;
+};
+
+TEST(FileMonitor, AProcessEndingWithWorkersRunningDestroysNothingTheyUse) {
+    TempDir dir;
+    std::string watched = dir.path() + "/watched";
+    ASSERT_EQ(mkdir(watched.c_str(), 0755), 0);
+    RunInChild([&] {
+        // Made before the monitors, so destroyed after their start, as the platform's services are.
+        static QueueOutlivedByNoWait queue;
+        static platform::Replace<platform::KernelQueue> useQueue(queue);
+        for (const std::string& path : {dir.path(), watched}) {
+            auto monitor = std::make_shared<RecordingMonitor>();
+            ASSERT_TRUE(monitor->QVK_Framework_FileMonitor_InitForName(path, kDeleteAndRename));
+        }
+        // One worker has a change to hand over as the process ends.
+        ASSERT_EQ(rename(watched.c_str(), (watched + "-renamed").c_str()), 0);
+        std::exit(::testing::Test::HasFailure() ? 1 : 0);
     });
 }
 

@@ -21,14 +21,15 @@ class QVK_Framework_FileMonitor : public std::enable_shared_from_this<QVK_Framew
 public:
     // Create monitors with std::make_shared: a running worker keeps its monitor alive.
     QVK_Framework_FileMonitor() = default;
-    // Orders the worker to quit, waits for it and closes the descriptors.
+    // Closes the descriptors. A started monitor is never destroyed: its worker holds it.
     virtual ~QVK_Framework_FileMonitor();
     QVK_Framework_FileMonitor(const QVK_Framework_FileMonitor&) = delete;
     QVK_Framework_FileMonitor& operator=(const QVK_Framework_FileMonitor&) = delete;
 
     // Opens `path` to watch it for the vnode notes in `events` and starts the worker; returns once
     // the worker runs. False when the queue, the path or the pipe could not be opened (logged);
-    // whatever was opened is closed again and no thread runs.
+    // whatever was opened is closed again and no thread runs. False as well when no thread can be
+    // started.
     bool QVK_Framework_FileMonitor_InitForName(const std::string& path, std::uint32_t events);
     // The descriptor open on the watched object, wherever it went; -1 until opened.
     int QVK_Framework_FileMonitor_MonitoredHandle() const { return FileDescriptor.get(); }
@@ -41,7 +42,7 @@ public:
 
 private:
     void KernelEventThread(const void* argument);
-    void Teardown();
+    void CloseDescriptors();
 
     std::string FilePath;
     std::unique_ptr<qvk::platform::ConditionLock> ThreadCondition;  // 0: no worker running, 1: running

@@ -369,9 +369,7 @@ private:
 
 template <>
 KernelQueue& DefaultService<KernelQueue>() {
-    // Never destroyed: a monitor's worker waits on its queue until the process ends, also while
-    // the static objects are destroyed after exit.
-    static LinuxKernelQueue& queue = *std::make_unique<LinuxKernelQueue>().release();
+    static LinuxKernelQueue queue;
     return queue;
 }
 
