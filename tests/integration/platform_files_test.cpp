@@ -1,5 +1,9 @@
 // The Linux implementations that read files: property lists and the system version file.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <string>
+#include <vector>
 
 #include "../unit/test_support.h"
 #include "platform/linux/system_version_file.h"
@@ -7,6 +11,8 @@
 
 namespace qvk::test {
 namespace {
+
+using namespace std::string_literals;
 
 using platform::ReadSystemVersionFile;
 using platform::SystemVersionNumber;
@@ -56,6 +62,51 @@ TEST(PropertyList, ReadsXmlAndBinaryAndWritesXmlBack) {
     EXPECT_EQ(platform::ReadPropertyList(dir.path() + "/missing.plist"), std::nullopt);
     WriteFile(dir.path() + "/bad.plist", "<plist><dict><key>a</key>");
     EXPECT_EQ(platform::ReadPropertyList(dir.path() + "/bad.plist"), std::nullopt);
+}
+
+// A binary list of the given objects, each already encoded with one-byte references; the last is
+// the root.
+std::string BinaryList(const std::vector<std::string>& objects) {
+    std::string body, offsets;
+    for (const std::string& object : objects) {
+        offsets += static_cast<char>(8 + body.size());
+        body += object;
+    }
+    std::string trailer(32, '\0');
+    trailer[6] = trailer[7] = 1;
+    trailer[15] = static_cast<char>(objects.size());
+    trailer[23] = static_cast<char>(objects.size() - 1);
+    trailer[31] = static_cast<char>(8 + body.size());
+    return "bplist00" + body + offsets + trailer;
+}
+
+// `levels` arrays, each referring twice to the one below, over the text "x": the library copies a
+// shared object at each reference, so the list expands to 2^levels texts.
+std::string SharedArrays(int levels) {
+    std::vector<std::string> objects{"\x51x"};
+    for (int i = 1; i <= levels; ++i) objects.push_back({'\xA2', static_cast<char>(i - 1), static_cast<char>(i - 1)});
+    return BinaryList(objects);
+}
+
+TEST(PropertyList, HostileListsAreRefusedOrReadWhole) {
+    Value expanded("x");
+    for (int i = 0; i < 3; ++i) expanded = Value(Array{expanded, expanded});
+    EXPECT_EQ(platform::ParsePropertyList(SharedArrays(3)), expanded);
+    EXPECT_EQ(platform::ParsePropertyList(SharedArrays(40)), std::nullopt);
+    std::string nested;
+    for (int i = 0; i < 200; ++i) nested.insert(nested.size() / 2, "<array></array>");
+    EXPECT_EQ(platform::ParsePropertyList("<plist>" + nested + "</plist>"), std::nullopt);
+
+    // A NUL ends a text; a UTF-16 key holding one, which the library cannot read, refuses the list.
+    const std::string utf16 = "\x63\0a\0\0\0b"s;
+    EXPECT_EQ(platform::ParsePropertyList(BinaryList({"\x51k", utf16, "\xD1\x00\x01"s})),
+              Value(Dictionary{{"k", Value("a")}}));
+    EXPECT_EQ(platform::ParsePropertyList(BinaryList({utf16, "\x51v", "\xD1\x00\x01"s})), std::nullopt);
+    TempDir dir;
+    WriteFile(dir.path() + "/nul.plist", "<plist><dict><key>k</key><string>a\0b</string></dict></plist>"s);
+    EXPECT_EQ(platform::ReadPropertyList(dir.path() + "/nul.plist"), Value(Dictionary{{"k", Value("a")}}));
+    ASSERT_EQ(mkfifo((dir.path() + "/pipe.plist").c_str(), 0600), 0);
+    EXPECT_EQ(platform::ReadPropertyList(dir.path() + "/pipe.plist"), std::nullopt);
 }
 
 }  // namespace

@@ -5,13 +5,10 @@
 #include <openssl/blowfish.h>
 #include <openssl/crypto.h>
 
-#include <fcntl.h>
-#include <unistd.h>
-
-#include <cerrno>
 #include <limits>
 
 #include "framework/log/logging.h"
+#include "platform/file_read.h"
 #include "platform/property_list.h"
 
 const std::uint8_t QVK_Framework_EncryptionKey[16] = {0x96, 0x1d, 0x99, 0x4b, 0x70, 0x17, 0x5a, 0x3f,
@@ -36,26 +33,6 @@ void Cipher(const std::uint8_t* in, std::uint8_t* out, std::size_t size, bool us
     OPENSSL_cleanse(&schedule, sizeof schedule);
 }
 
-// The whole file; none when it cannot be opened or read (a folder, for one).
-std::optional<qvk::Data> ReadFile(const std::string& path) {
-    struct Descriptor {
-        int fd;
-        ~Descriptor() {
-            if (fd >= 0) close(fd);
-        }
-    } file{open(path.c_str(), O_RDONLY | O_CLOEXEC)};
-    if (file.fd < 0) return std::nullopt;
-    qvk::Data bytes;
-    std::uint8_t block[4096];
-    for (;;) {
-        ssize_t n = read(file.fd, block, sizeof block);
-        if (n < 0 && errno == EINTR) continue;
-        if (n < 0) return std::nullopt;
-        if (n == 0) return bytes;
-        bytes.bytes.insert(bytes.bytes.end(), block, block + n);
-    }
-}
-
 }  // namespace
 
 std::optional<qvk::Value> QVK_Framework_LoadEncrypted(const std::string& path, bool useProductKey) {
@@ -66,9 +43,11 @@ std::optional<qvk::Value> QVK_Framework_LoadEncrypted(const std::string& path, b
 }
 
 std::optional<qvk::Data> QVK_Framework_LoadEncryptedFile(const std::string& path, bool useProductKey) {
-    std::optional<qvk::Data> file = ReadFile(path);
-    if (!file) return std::nullopt;
-    return QVK_Framework_Decrypt(&*file, useProductKey, true);
+    std::optional<std::string> bytes = qvk::platform::ReadBoundedFile(path, qvk::platform::FilePlace::Anywhere);
+    if (!bytes) return std::nullopt;
+    qvk::Data file;
+    file.bytes.assign(bytes->begin(), bytes->end());
+    return QVK_Framework_Decrypt(&file, useProductKey, true);
 }
 
 std::optional<qvk::Value> QVK_Framework_LoadFromData(const qvk::Data* data) {
