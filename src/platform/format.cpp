@@ -1,11 +1,18 @@
 #include "platform/format.h"
 
+#include <algorithm>
 #include <cstdio>
+#include <cstdlib>
 #include <vector>
 
 namespace qvk {
 
 namespace {
+
+// The widest field and longest precision a conversion may ask for: the longest path, more than
+// any text of this program needs. Format texts may come from files a user controls, where
+// "%2000000000s" would otherwise ask for gigabytes.
+constexpr long long kFieldLimit = 4096;
 
 // snprintf into a string of whatever size the result needs.
 template <class T>
@@ -64,17 +71,31 @@ std::string FormatArgs(std::string_view format, std::initializer_list<FormatArg>
         while (i < format.size() && std::string_view("-+ #0'").find(format[i]) != std::string_view::npos)
             conversion += format[i++];
         // Width and precision, either digits or '*' taken from the arguments.
+        bool tooWide = false;
         for (int part = 0; part < 2; ++part) {
+            const std::size_t partStart = conversion.size();
             if (part == 1) {
                 if (i >= format.size() || format[i] != '.') break;
                 conversion += format[i++];
             }
+            long long field = 0;
             if (i < format.size() && format[i] == '*') {
                 const FormatArg* a = take();
-                conversion += std::to_string(a ? static_cast<int>(a->integer()) : 0);
+                field = a ? static_cast<int>(a->integer()) : 0;
+                conversion += std::to_string(field);
                 ++i;
+                // A negative precision counts as none, as the C library takes it from an argument.
+                if (part == 1 && field < 0) {
+                    conversion.resize(partStart);
+                    field = 0;
+                }
+            } else {
+                while (i < format.size() && format[i] >= '0' && format[i] <= '9') {
+                    field = std::min(field * 10 + (format[i] - '0'), kFieldLimit + 1);
+                    conversion += format[i++];
+                }
             }
-            while (i < format.size() && format[i] >= '0' && format[i] <= '9') conversion += format[i++];
+            tooWide = tooWide || std::llabs(field) > kFieldLimit;
         }
         std::size_t lengthStart = i;
         while (i < format.size() && std::string_view("hlLqjzt").find(format[i]) != std::string_view::npos) ++i;
@@ -84,6 +105,13 @@ std::string FormatArgs(std::string_view format, std::initializer_list<FormatArg>
             break;
         }
         char conv = format[i];
+        if (tooWide) {
+            // Refused as text that is no conversion is, yet its argument is its own: the following
+            // conversions keep theirs.
+            if (std::string_view("@sdiuoxXcfFeEgGaAp").find(conv) != std::string_view::npos) take();
+            out.append(format.substr(start, i - start + 1));
+            continue;
+        }
         switch (conv) {
         case '%': out += '%'; break;
         case '@': {

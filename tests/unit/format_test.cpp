@@ -20,6 +20,13 @@ TEST(Format, ConversionsFollowTheLengthModifierAndOtherTextStands) {
     EXPECT_EQ(Format("%y", 1), "%y");
 }
 
+TEST(Format, FieldsBeyondTheBoundStandAsWrittenAndKeepTheArgumentsInStep) {
+    EXPECT_EQ(Format("%4096s|", "a").size(), 4097u);
+    EXPECT_EQ(Format("%2000000000s|%s", "a", "b"), "%2000000000s|b");
+    EXPECT_EQ(Format("%.4097f|%-4097@|%d", 1.5, Value(1), 7), "%.4097f|%-4097@|7");
+    EXPECT_EQ(Format("%*d|%.*s|%.*s", -2000000000, 1, -1, "abc", 5000, "abc"), "%*d|abc|%.*s");
+}
+
 TEST(Format, ObjectsAndNullsPrintAsFoundationDoes) {
     Value dict(Dictionary{{"idVendor", Value(4817)}, {"IOProviderClass", Value("IOUSBDevice")}});
     EXPECT_EQ(Format("%@", dict), "{\n    IOProviderClass = IOUSBDevice;\n    idVendor = 4817;\n}");
