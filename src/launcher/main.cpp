@@ -12,6 +12,7 @@
 #include "framework/drivers/load_drivers.h"
 #include "framework/log/log.h"
 #include "framework/log/logging.h"
+#include "framework/privileges/removal_rights.h"
 #include "framework/privileges/secure_environment.h"
 #include "framework/privileges/setuid.h"
 #include "launcher/app_name.h"
@@ -51,6 +52,7 @@ int main(int argc, char** argv) {
     for (int i = 1; i < argc; ++i) {
         if (std::strcmp(argv[i], "--qvk-uninstall") == 0) {
             QVK_Framework_Log_Internal("main", "Main", 68, 5, "Found --qvk-uninstall");
+            if (!QVK_Framework_MayRemovePackage()) return 1;
             if (!ConfirmUninstall()) return 0;
             Launcher_DeleteApp();
             Launcher_PerformCleanup(true, qvk::platform::Use<qvk::platform::Bundle>().MainBundlePath());
@@ -59,6 +61,7 @@ int main(int argc, char** argv) {
         }
         if (std::strcmp(argv[i], "--qvk-drivers-uninstall") == 0) {
             QVK_Framework_Log_Internal("main", "Main", 79, 5, "BRISEL Found --qvk-uninstall");
+            if (!QVK_Framework_MayRemovePackage()) return 1;
             Launcher_DriversCleanup();
             return 0;
         }

@@ -11,7 +11,9 @@
 # Inside every root:
 #   $APP                 /Applications/Quorvik Mobile Partner.app, with the built Launcher.app in it
 #   $EXE                 the Launcher executable inside it (root-owned, mode 04755 as installed)
-#   $USER_HOME           /Users/maria, home of the user maria (uid $USER_ID) added to /etc/passwd
+#   $USER_HOME           /Users/maria, home of the user maria (uid $USER_ID) added to /etc/passwd;
+#                        she administers the machine (a member of group sudo) unless the scenario
+#                        says `not_administrator`
 #   SystemVersion.plist  with the scenario's ProductVersion
 #   stand-ins            /sbin/kextload, /sbin/kextunload, /usr/bin/open, /usr/bin/defaults,
 #                        /bin/launchctl, /usr/bin/killall, /usr/bin/zenity, /usr/bin/kdialog: each
@@ -25,6 +27,7 @@
 #
 #   scenario TITLE [--version X.Y.Z | --no-version]     fresh root (system version 10.6.8 by default)
 #   setup:   marker PATH [CONTENT]   put PATH [MODE [OWNER]] <TEXT   folder [--owner U:G] PATH...
+#            not_administrator
 #            tool_status TOOL N   tool_output TOOL <TEXT   record_env NAME...   plug VENDOR PRODUCT
 #   run:     launch [--as user|root] [--env N=V] [--unset N] [--background] [--timeout S] [-- ARG...]
 #            wait_until_serving   wait_for_log FILE TEXT   wait_for_call TOOL ARG...   stop_launcher
@@ -136,6 +139,25 @@ marker() {
     printf '%s' "${2:-}" | put "$1" 0644 "$owner"
 }
 
+# Takes the user out of every administrators' group.
+not_administrator() { e2e_administrator no; }
+
+# Puts the user into group sudo (yes) or out of admin, sudo and wheel (no).
+e2e_administrator() {
+    local program='
+        $1 == "admin" || $1 == "sudo" || $1 == "wheel" {
+            n = split($4, members, ","); $4 = ""
+            for (i = 1; i <= n; i++)
+                if (members[i] != user && members[i] != "") $4 = $4 ($4 == "" ? "" : ",") members[i]
+            if ($1 == "sudo" && wanted == "yes") { $4 = $4 ($4 == "" ? "" : ",") user; found = 1 }
+        }
+        { print }
+        END { if (wanted == "yes" && !found) print "sudo:x:27:" user }'
+    in_root /bin/sh -c '/usr/bin/awk -F: -v OFS=: -v user="$1" -v wanted="$2" "$3" /etc/group >/.e2e/group &&
+        cat /.e2e/group >/etc/group && rm -f /.e2e/group' sh "$USER_NAME" "$1" "$program" ||
+        e2e_die "cannot change whether $USER_NAME administers the machine"
+}
+
 # The exit status a stand-in answers with. Usage: tool_status TOOL-NAME STATUS
 tool_status() { echo "$2" | put "/.e2e/status/$1"; }
 # What a stand-in prints on standard output. Usage: tool_output TOOL-NAME < text
@@ -236,6 +258,8 @@ e2e_make_world() {
     # The user, with a home folder shaped like a Mac one, replacing any entry of that name or id.
     in_root /bin/sh -c 'sed -i -e "/^$1:/d" -e "/^[^:]*:[^:]*:$2:/d" /etc/passwd && echo "$1:x:$2:$3:Maria:$4:/bin/sh" >>/etc/passwd' \
         sh "$USER_NAME" "$USER_ID" "$USER_GID" "$USER_HOME" || e2e_die "cannot add the user $USER_NAME"
+    # She installed the package, so she administers the machine.
+    e2e_administrator yes
     folder --owner "$USER_ID:$USER_GID" "$USER_HOME" "$USER_HOME/Library" "$USER_HOME/Library/Preferences" \
         "$USER_HOME/Library/LaunchAgents" "$USER_HOME/.Trash"
 

@@ -1,10 +1,28 @@
 # A user who starts the set-user-id Launcher with hostile arguments, environment or limits gains
 # nothing: the privileged run acts for that user alone, with no group of theirs and in their own
-# home folder; and a failed hand-over leaves the Launcher working for everybody.
+# home folder; a failed hand-over leaves the Launcher working for everybody; and only an
+# administrator or the application folder's owner may remove the package.
 source "$(dirname "$0")/lib.sh"
 
 QUESTION=(/usr/bin/zenity --question --no-markup --default-cancel "--title=Quorvik Mobile Partner"
     "--text=Do you really want to deinstall Quorvik Mobile Partner?" --ok-label=Yes --cancel-label=No)
+REFUSAL="(Errors): QVK_Framework_MayRemovePackage: Not removing the package for uid $USER_ID"
+
+# The log has a line with TEXT, or none (--none). Usage: expect_logged [--none] TEXT
+expect_logged() {
+    if [ "$1" = --none ]; then
+        e2e_check "no log line with: $2" bash -c '! grep -qF -- "$1" "$2"' _ "$2" "$ROOT$(main_log)"
+    else
+        e2e_check "a log line with: $1" grep -qF -- "$1" "$ROOT$(main_log)"
+    fi
+}
+
+# A driver marked as installed from the package.
+marked_driver() {
+    echo "<plist/>" | put /System/Library/Extensions/Marked.kext/Contents/Info.plist
+    printf '%s' "$APP/Contents/Drivers-Install/Drivers/Marked.kext" |
+        put "/System/Library/Extensions/Marked.kext/Quorvik Source"
+}
 
 # Starts PATH as the user, with a 512 KiB stack, an empty environment and one argument of LENGTH
 # spaces, and waits for it; STATUS is its exit status (and the function's). The output goes to
@@ -59,3 +77,44 @@ e2e_check "the hand-over failed its assertion" grep -qF \
     "Assertion failed: (NO), function QVK_Framework_HandleSetuid, file ../../Framework/Framework/Apple/Setuid, line 79." \
     "$ROOT/.e2e/launcher.out"
 expect_mode "$EXE" "4755 0:0"
+
+for option in --qvk-uninstall --qvk-drivers-uninstall; do
+    scenario "$option by a user who administers nothing is refused before anything is asked or removed"
+    marker /tmp/Quorvik-PleaseDoLog
+    not_administrator
+    marked_driver
+    folder "/Applications/Quorvik Mobile Partner DriversUninstaller.app"
+    snapshot
+    launch --env DISPLAY=:5 -- "$option"
+    expect_status 1
+    expect_no_calls
+    expect_unchanged
+    expect_logged "$REFUSAL: neither an administrator nor the owner of $APP"
+done
+
+scenario "the application folder's owner may remove the package"
+marker /tmp/Quorvik-PleaseDoLog
+not_administrator
+in_root chown "$USER_ID:$USER_GID" "$APP"
+tool_status zenity 1
+launch --env DISPLAY=:5 -- --qvk-uninstall
+expect_status 0
+expect_calls 1 --where "uid=$USER_ID" "${QUESTION[@]}"
+expect_logged --none "$REFUSAL"
+
+scenario "an administrator may remove the drivers"
+marker /tmp/Quorvik-PleaseDoLog
+marked_driver
+launch -- --qvk-drivers-uninstall
+expect_status 0
+expect_no_file /System/Library/Extensions/Marked.kext
+expect_logged --none "$REFUSAL"
+
+scenario "the super-user's own start is never refused, whomever it acts for"
+marker /tmp/Quorvik-PleaseDoLog
+not_administrator
+marked_driver
+launch --as root -- --qvk-drivers-uninstall --uid "$USER_ID"
+expect_status 0
+expect_no_file /System/Library/Extensions/Marked.kext
+expect_logged --none "$REFUSAL"

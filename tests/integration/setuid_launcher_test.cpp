@@ -106,6 +106,8 @@ protected:
 TEST_F(SetuidLauncher, TheUninstallQuestionAsksTheStartingUserAndReturnDeclines) {
     VirtualDisplay display;
     ASSERT_FALSE(display.name().empty());
+    // Removal is for administrators and the application folder's owner.
+    ASSERT_EQ(chown(kPackage, kNobody, kNobody), 0);
     pid_t pid = Start(kNobody, {"--qvk-uninstall"}, display.name());
     std::string window = display.WaitForWindow("Quorvik Mobile");
     ASSERT_FALSE(window.empty()) << "no question window; log:\n" << LogOf(pid);
