@@ -20,6 +20,7 @@
 #include <utility>
 #include <vector>
 
+#include "platform/linux/mounts_file.h"
 #include "platform/service.h"
 
 namespace qvk::platform {
@@ -163,22 +164,30 @@ bool EjectMedium(const std::string& device, std::uint64_t volume) {
     return ioctl(fd.get(), CDROMEJECT, 0) == 0;
 }
 
+}  // namespace
+
+std::string MountListingOf(std::string_view mounts) {
+    std::string listing;
+    ForEachLine(mounts, [&](std::string_view line) {
+        std::vector<std::string_view> f = Fields(line);
+        if (f.size() < 4) return;
+        std::string device = Unescape(f[0]), mountPoint = Unescape(f[1]);
+        // A line feed in a name would make a line of its own in the listing; such a mount is
+        // left out rather than let its name pose as another mount.
+        if (device.find('\n') != std::string::npos || mountPoint.find('\n') != std::string::npos) return;
+        listing += device + " on " + mountPoint + " (" + Unescape(f[2]) + ", " + Unescape(f[3]) + ")\n";
+    });
+    return listing;
+}
+
+namespace {
+
 class LinuxVolumes final : public Volumes {
 public:
     std::optional<std::string> MountListing() override {
         std::optional<std::string> text = ReadWhole("/proc/self/mounts");
         if (!text) return std::nullopt;
-        std::string listing;
-        ForEachLine(*text, [&](std::string_view line) {
-            std::vector<std::string_view> f = Fields(line);
-            if (f.size() < 4) return;
-            std::string device = Unescape(f[0]), mountPoint = Unescape(f[1]);
-            // A line feed in a name would make a line of its own in the listing; such a mount is
-            // left out rather than let its name pose as another mount.
-            if (device.find('\n') != std::string::npos || mountPoint.find('\n') != std::string::npos) return;
-            listing += device + " on " + mountPoint + " (" + Unescape(f[2]) + ", " + Unescape(f[3]) + ")\n";
-        });
-        return listing;
+        return MountListingOf(*text);
     }
 
     std::optional<VolumeRef> VolumeForPath(const std::string& path) override {
