@@ -65,15 +65,16 @@ TEST(PropertyList, ReadsXmlAndBinaryAndWritesXmlBack) {
 }
 
 // A binary list of the given objects, each already encoded with one-byte references; the last is
-// the root.
+// the root. Offsets take two bytes.
 std::string BinaryList(const std::vector<std::string>& objects) {
     std::string body, offsets;
     for (const std::string& object : objects) {
-        offsets += static_cast<char>(8 + body.size());
+        offsets += {'\0', static_cast<char>(8 + body.size())};
         body += object;
     }
     std::string trailer(32, '\0');
-    trailer[6] = trailer[7] = 1;
+    trailer[6] = 2;
+    trailer[7] = 1;
     trailer[15] = static_cast<char>(objects.size());
     trailer[23] = static_cast<char>(objects.size() - 1);
     trailer[31] = static_cast<char>(8 + body.size());

@@ -24,7 +24,8 @@ TEST(Format, FieldsBeyondTheBoundStandAsWrittenAndKeepTheArgumentsInStep) {
     EXPECT_EQ(Format("%4096s|", "a").size(), 4097u);
     EXPECT_EQ(Format("%2000000000s|%s", "a", "b"), "%2000000000s|b");
     EXPECT_EQ(Format("%.4097f|%-4097@|%d", 1.5, Value(1), 7), "%.4097f|%-4097@|7");
-    EXPECT_EQ(Format("%*d|%.*s|%.*s", -2000000000, 1, -1, "abc", 5000, "abc"), "%*d|abc|%.*s");
+    EXPECT_EQ(Format("%*d|%.*s|%.*s|%.*s", -2000000000, 1, -1, "abc", 0, "abc", 5000, "abc"), "%*d|abc||%.*s");
+    EXPECT_EQ(Format("%*5000d|%d", 7, 8), "%*5000d|8");
 }
 
 TEST(Format, ObjectsAndNullsPrintAsFoundationDoes) {
