@@ -24,11 +24,13 @@ using Clock = std::chrono::steady_clock;
 
 class CountingShell : public qvk::platform::Shell {
 public:
-    int System(const std::string&) override {
+    int System(const std::string&) override { return 0; }
+    int SystemAsUser(const std::string&, std::uint32_t) override {
         launched = Clock::now();
         ++count;
         return 0;
     }
+    std::optional<std::string> Output(const std::string&, int&) override { return std::nullopt; }
     Clock::time_point launched;
     int count = 0;
 };

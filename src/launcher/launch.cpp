@@ -13,6 +13,7 @@
 #include "framework/base/shell_quote.h"
 #include "framework/base/text_encoding.h"
 #include "framework/log/logging.h"
+#include "launcher/my_user.h"
 #include "platform/bundle.h"
 #include "platform/clock.h"
 #include "platform/format.h"
@@ -107,7 +108,8 @@ void LaunchMyApplication() {
         return;
     }
     QVK_Framework_Log_Internal(kFunction, kSource, 80, 5, "%@", command);
-    qvk::platform::Use<qvk::platform::Shell>().System(QVK_Framework_UnixEncoding(command));
+    // The application is the user's: it starts with the user's identity, as a Mac session would start it.
+    qvk::platform::Use<qvk::platform::Shell>().SystemAsUser(QVK_Framework_UnixEncoding(command), MyUser);
 }
 
 void ForgetPreviousLaunchForTesting() {

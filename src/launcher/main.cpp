@@ -13,8 +13,8 @@
 #include "framework/log/log.h"
 #include "framework/log/logging.h"
 #include "framework/privileges/removal_rights.h"
-#include "framework/privileges/secure_environment.h"
 #include "framework/privileges/setuid.h"
+#include "framework/privileges/standard_descriptors.h"
 #include "launcher/app_name.h"
 #include "launcher/confirm_uninstall.h"
 #include "launcher/delete_app.h"
@@ -35,8 +35,10 @@
 constexpr const char* InstallationMovedOption = "QUORVIKCRAP_INSTALLATIONMOVED";
 
 int main(int argc, char** argv) {
+    // Before anything else, the first log line included: nothing the Launcher opens may become a
+    // standard descriptor.
+    QVK_Framework_OpenStandardDescriptors();
     QVK_Log_Internal("main", "Main", 42, 1, "NoneLaunch");
-    QVK_Framework_SecureEnvironment();
     // Pin the bundle's place now: a later move of the application must not change it.
     qvk::platform::Use<qvk::platform::Bundle>().MainBundlePath();
     MyUser = QVK_Framework_HandleSetuid(argc, argv);

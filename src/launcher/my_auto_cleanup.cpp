@@ -10,22 +10,18 @@
 #include "framework/log/logging.h"
 #include "launcher/my_user.h"
 #include "launcher/uninstall.h"
+#include "platform/environment.h"
 #include "platform/preferences.h"
-#include "platform/process_identity.h"
+#include "platform/processes.h"
 #include "platform/service.h"
 
 std::shared_ptr<MyAutoCleanup> AutoCleanup;
 
 namespace {
 
-// Replaces the process by "/usr/bin/open -a <launcher>" with the whole environment; returns only
-// when that failed.
-void OpenLauncher(const std::string& launcher) {
-    std::string path = launcher;
-    char open[] = "/usr/bin/open";
-    char option[] = "-a";
-    char* const argv[] = {open, option, path.data(), nullptr};
-    qvk::platform::Use<qvk::platform::ProcessIdentity>().Execute(open, argv, environ);
+// "/usr/bin/open -a <launcher>" for the user, with the whole (allowed) environment.
+qvk::platform::ChildSpec OpenLauncher(const std::string& launcher) {
+    return {"/usr/bin/open", {"/usr/bin/open", "-a", launcher}, qvk::platform::ChildEnvironment(), MyUser, false};
 }
 
 }  // namespace
@@ -48,11 +44,11 @@ void MyAutoCleanup::QVK_Framework_FileMonitor_Triggered(const qvk::Data* event) 
                                "New launcher path: %@", AutostartBundleOverride);
     QVK_Framework_Autostart_Set(true);
     setenv("QUORVIKCRAP_INSTALLATIONMOVED", "yes", 1);
-    OpenLauncher(*AutostartBundleOverride);
-    if (fork() == 0) {
-        OpenLauncher(*AutostartBundleOverride);
-        _exit(0);
-    }
+    // The launcher at its new place replaces this one; should that fail, a child tries once more.
+    auto& processes = qvk::platform::Use<qvk::platform::Processes>();
+    qvk::platform::ChildSpec open = OpenLauncher(*AutostartBundleOverride);
+    processes.Replace(open);
+    processes.Start(open);
     std::exit(0);
 }
 

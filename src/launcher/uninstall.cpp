@@ -23,6 +23,7 @@
 #include "launcher/uninstall_support.h"
 #include "platform/format.h"
 #include "platform/process_identity.h"
+#include "platform/processes.h"
 #include "platform/service.h"
 #include "platform/shell.h"
 
@@ -73,22 +74,14 @@ bool RemovePackageDrivers(const std::string& bundlePath) {
 
 // Runs "/bin/rm -rf <path>" in a child with an empty environment and waits for it.
 void RemoveReceipt(const char* function, const std::string& path) {
-    std::string program = "/bin/rm", option = "-rf", target = path;
-    char* const arguments[] = {program.data(), option.data(), target.data(), nullptr};
-    char* const environment[] = {nullptr};
-    QVK_Framework_Log_Internal(function, kSource, __LINE__, 5, "%s, %s, %s", arguments[0], arguments[1], arguments[2]);
-    pid_t pid = fork();
-    if (pid == 0) {
-        QVK_Framework_Log_Internal(function, kSource, __LINE__, 5, nullptr);
-        qvk::platform::Use<qvk::platform::ProcessIdentity>().Execute(program, arguments, environment);
-        QVK_Framework_Log_Internal(function, kSource, __LINE__, 5, nullptr);
-        _exit(0);
-    }
+    qvk::platform::ChildSpec remove{"/bin/rm", {"/bin/rm", "-rf", path}, {}, std::nullopt, false};
+    QVK_Framework_Log_Internal(function, kSource, __LINE__, 5, "%s, %s, %s", remove.arguments[0].c_str(),
+                               remove.arguments[1].c_str(), remove.arguments[2].c_str());
+    auto& processes = qvk::platform::Use<qvk::platform::Processes>();
+    pid_t pid = processes.Start(remove);
     if (pid > 0) {
         QVK_Framework_Log_Internal(function, kSource, __LINE__, 5, nullptr);
-        int status = 0;
-        while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-        }
+        processes.Wait(pid);
     }
 }
 

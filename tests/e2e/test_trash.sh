@@ -50,11 +50,11 @@ run_and_move() {
     e2e_wait_end 10 || e2e_fail "the Launcher did not end after the application was moved"
 }
 
-# The Launcher replaced itself by "/usr/bin/open -a" with the launcher at its new place.
+# The Launcher replaced itself by "/usr/bin/open -a" with the launcher at its new place, run as the user.
 # Usage: expect_restart LAUNCHER
 expect_restart() {
     expect_status 0
-    expect_calls 1 --where "uid=0 QUORVIKCRAP_INSTALLATIONMOVED=yes" /usr/bin/open -a "$1"
+    expect_calls 1 --where "uid=$USER_ID QUORVIKCRAP_INSTALLATIONMOVED=yes" /usr/bin/open -a "$1"
 }
 
 # The agent file is exactly what is written for BUNDLE, and the user's. Usage: expect_agent BUNDLE

@@ -199,20 +199,18 @@ TEST_F(Autostart, SwitchingOffRemovesTheAgentAndItsJobAndEndsTheLaunchersOfThisB
                   "\n"
                   "  no " +
                   target + "\n");
-    WriteFile(tools + "/ps", "#!/bin/sh\necho \"$*\" >\"" + tools + "/arguments\"\ncat \"" + tools + "/listing\"\n");
-    ASSERT_EQ(chmod((tools + "/ps").c_str(), 0755), 0);
-    std::string path = std::getenv("PATH") ? std::getenv("PATH") : "/usr/bin:/bin";
-    setenv("PATH", (tools + ":" + path).c_str(), 1);
     journal_.clear();
 
-    QVK_Framework_Autostart_Tidyup participant;
-    participant.QVK_Framework_Tidyup_Action(true);
-    setenv("PATH", path.c_str(), 1);
-
-    EXPECT_FALSE(std::filesystem::exists(Agent()));
-    EXPECT_EQ(ReadFile(tools + "/arguments"), "axww -o pid,command\n");
-    EXPECT_THAT(Only(journal_, [](const std::string& l) { return l.starts_with("$ ") || l.starts_with("kill "); }),
+    WithSuperUserTool(
+        "ps", "#!/bin/sh\necho \"$*\" >\"" + tools + "/arguments\"\ncat \"" + tools + "/listing\"\n", [&] {
+            QVK_Framework_Autostart_Tidyup participant;
+            participant.QVK_Framework_Tidyup_Action(true);
+            EXPECT_FALSE(std::filesystem::exists(Agent()));
+            EXPECT_EQ(ReadFile(tools + "/arguments"), "axww -o pid,command\n");
+            EXPECT_THAT(
+                Only(journal_, [](const std::string& l) { return l.starts_with("$ ") || l.starts_with("kill "); }),
                 ElementsAre("$ /bin/launchctl remove \"QVK Pkg\"", "kill 101 15", "kill 102 15", "kill 103 15"));
+        });
 }
 
 TEST_F(Autostart, TheLaunchdCommandIsRefusedWhenTheNameCouldLeaveItsQuotesOrTheCommandWouldNotFit) {

@@ -18,24 +18,21 @@ using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
 // A "ps" first on the search path that notes its calls and prints a listing; the application
-// folder lies in the same temporary folder.
+// folder lies in the same temporary folder. The listing is made, and `check` runs, in the process
+// that sees that "ps".
 class KillAppTest : public ::testing::Test {
 protected:
-    void SetUp() override {
-        const char* path = std::getenv("PATH");
-        savedPath_ = path ? path : "";
-        setenv("PATH", (folder_.path() + ":/usr/bin:/bin").c_str(), 1);
-    }
-    void TearDown() override { setenv("PATH", savedPath_.c_str(), 1); }
-
-    void Run(const std::string& app, const std::string& listing) {
-        WriteFile(folder_.path() + "/listing", listing);
-        WriteFile(folder_.path() + "/ps",
-                  "#!/bin/sh\necho \"$*\" >>\"$(dirname \"$0\")/calls\"\ncat \"$(dirname \"$0\")/listing\"\n");
-        ASSERT_EQ(chmod((folder_.path() + "/ps").c_str(), 0755), 0);
-        FakeBundle bundle(app + "/Launcher.app");
-        platform::Replace<platform::Bundle> useBundle(bundle);
-        Launcher_KillApp();
+    template <class Listing, class Check>
+    void Run(const std::string& app, Listing listing, Check check) {
+        WithSuperUserTool(
+            "ps", "#!/bin/sh\necho \"$*\" >>\"" + folder_.path() + "/calls\"\ncat \"" + folder_.path() + "/listing\"\n",
+            [&] {
+                WriteFile(folder_.path() + "/listing", listing());
+                FakeBundle bundle(app + "/Launcher.app");
+                platform::Replace<platform::Bundle> useBundle(bundle);
+                Launcher_KillApp();
+                check();
+            });
     }
     Journal Kills() {
         return Only(journal_, [](const std::string& l) { return l.starts_with("kill "); });
@@ -46,33 +43,41 @@ protected:
     JournalLogger logger_{journal_};
     JournalSignals signals_{journal_};
     platform::Replace<platform::ProcessSignals> useSignals_{signals_};
-    std::string savedPath_;
 };
 
 TEST_F(KillAppTest, StopsTheApplicationsProcessesButNeverItselfUntilALineWithoutANumber) {
     const std::string app = folder_.path() + "/Quorvik Mobile.app";
-    Run(app, Format("  PID COMM\n"
-                    "%5d %@/Launcher.app/Contents/MacOS/Launcher\n"
-                    " 4242 %@/Contents/MacOS/Quorvik Mobile\n"
-                    "   77 /usr/sbin/cron\n"
-                    " 4243 %@/Contents/Helper\n"
-                    "  abc %@/Contents/Stray\n"
-                    " 4244 %@/Contents/Late\n",
-                    getpid(), app, app, app, app));
-
-    EXPECT_THAT(Kills(), ElementsAre("kill 4242 15", "kill 4243 15"));
-    EXPECT_THAT(journal_,
-                Contains(testing::StartsWith("QVK_Framework_GetCommandOutput: ps -A -o pid -o comm | grep \"" + app +
-                                             "\" | sed -e \"s/[ ]*\\([0-9][0-9]*\\).*/\\1/g\" -> ")));
+    Run(
+        app,
+        [&] {
+            return Format(
+                "  PID COMM\n"
+                "%5d %@/Launcher.app/Contents/MacOS/Launcher\n"
+                " 4242 %@/Contents/MacOS/Quorvik Mobile\n"
+                "   77 /usr/sbin/cron\n"
+                " 4243 %@/Contents/Helper\n"
+                "  abc %@/Contents/Stray\n"
+                " 4244 %@/Contents/Late\n",
+                getpid(), app, app, app, app);
+        },
+        [&] {
+            EXPECT_THAT(Kills(), ElementsAre("kill 4242 15", "kill 4243 15"));
+            EXPECT_THAT(journal_,
+                        Contains(testing::StartsWith("QVK_Framework_GetCommandOutput: ps -A -o pid -o comm | grep \"" +
+                                                     app + "\" | sed -e \"s/[ ]*\\([0-9][0-9]*\\).*/\\1/g\" -> ")));
+        });
 }
 
 TEST_F(KillAppTest, AnApplicationFolderThatCannotBeQuotedRunsNoCommand) {
     const std::string app = folder_.path() + "/Quorvik$(touch owned).app";
-    Run(app, Format(" 4242 %@/Contents/MacOS/Quorvik\n", app));
-    EXPECT_THAT(Kills(), IsEmpty());
-    EXPECT_FALSE(Exists(folder_.path() + "/calls"));
-    EXPECT_THAT(journal_, ElementsAre("Launcher_KillApp (Errors): Not looking for processes of \"" + app +
-                                      "\": the path cannot be quoted"));
+    Run(
+        app, [&] { return Format(" 4242 %@/Contents/MacOS/Quorvik\n", app); },
+        [&] {
+            EXPECT_THAT(Kills(), IsEmpty());
+            EXPECT_FALSE(Exists(folder_.path() + "/calls"));
+            EXPECT_THAT(journal_, ElementsAre("Launcher_KillApp (Errors): Not looking for processes of \"" + app +
+                                              "\": the path cannot be quoted"));
+        });
 }
 
 }  // namespace

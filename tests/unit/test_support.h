@@ -151,7 +151,19 @@ public:
         commands.push_back(command);
         return 0;
     }
+    int SystemAsUser(const std::string& command, std::uint32_t user) override {
+        commands.push_back(command);
+        users.push_back(user);
+        return 0;
+    }
+    std::optional<std::string> Output(const std::string& command, int& status) override {
+        commands.push_back(command);
+        status = 0;
+        return "";
+    }
     std::vector<std::string> commands;
+    // The users of the commands run as a user, in order.
+    std::vector<std::uint32_t> users;
 };
 
 // Thrown where the real process image would be replaced.
@@ -304,6 +316,22 @@ pid_t RunInChild(Body body) {
     waitpid(pid, &status, 0);
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "child failed, status " << status;
     return pid;
+}
+
+// Runs `body` in a child that sees `script` as the program `name` first on the super-user's search
+// path: a private mount namespace with an empty /usr/local/sbin of its own. Needs root.
+template <class Body>
+void WithSuperUserTool(const std::string& name, const std::string& script, Body body) {
+    ASSERT_EQ(geteuid(), 0u) << "this test needs root for a private /usr/local/sbin (mount namespace)";
+    RunInChild([&] {
+        ASSERT_EQ(unshare(CLONE_NEWNS), 0) << std::strerror(errno);
+        ASSERT_EQ(mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0) << std::strerror(errno);
+        std::filesystem::create_directories("/usr/local/sbin");
+        ASSERT_EQ(mount("qvk-tools", "/usr/local/sbin", "tmpfs", 0, "mode=0755"), 0) << std::strerror(errno);
+        WriteFile("/usr/local/sbin/" + name, script);
+        ASSERT_EQ(chmod(("/usr/local/sbin/" + name).c_str(), 0755), 0);
+        body();
+    });
 }
 
 }  // namespace qvk::test

@@ -22,6 +22,7 @@
 #include "platform/home.h"
 #include "platform/process_identity.h"
 #include "platform/process_signals.h"
+#include "platform/processes.h"
 #include "platform/shell.h"
 #include "test_support.h"
 
@@ -58,6 +59,14 @@ public:
     int System(const std::string& command) override {
         journal_.push_back("$ " + command);
         return 0;
+    }
+    int SystemAsUser(const std::string& command, std::uint32_t user) override {
+        journal_.push_back(Format("$ %@ (as %u)", command, user));
+        return 0;
+    }
+    // Command output is the real shell's; the caller logs the command.
+    std::optional<std::string> Output(const std::string& command, int& status) override {
+        return platform::DefaultService<platform::Shell>().Output(command, status);
     }
 
 private:
@@ -100,6 +109,45 @@ private:
     Journal& journal_;
     std::uint32_t uid_;
     std::string executions_;
+};
+
+// Programs as "<how> <program> <arg>... | <number of environment entries> <user>", where how is
+// run, start or replace and user is "as <uid>" or "as self". They are then really run, but
+// replacing the process fails.
+class JournalProcesses : public platform::Processes {
+public:
+    explicit JournalProcesses(Journal& journal) : journal_(journal) {}
+    int Run(const platform::ChildSpec& spec) override {
+        Record("run", spec);
+        return Real().Run(spec);
+    }
+    int RunForOutput(const platform::ChildSpec& spec, std::string& output) override {
+        Record("run", spec);
+        return Real().RunForOutput(spec, output);
+    }
+    pid_t Start(const platform::ChildSpec& spec) override {
+        Record("start", spec);
+        return Real().Start(spec);
+    }
+    int Wait(pid_t pid) override { return Real().Wait(pid); }
+    int Replace(const platform::ChildSpec& spec) override {
+        Record("replace", spec);
+        errno = ENOENT;
+        return -1;
+    }
+
+private:
+    static platform::Processes& Real() { return platform::DefaultService<platform::Processes>(); }
+
+    void Record(const char* how, const platform::ChildSpec& spec) {
+        std::string line = std::string(how) + " " + spec.program;
+        for (const std::string& argument : spec.arguments) line += " " + argument;
+        line += Format(" | %u ", static_cast<unsigned>(spec.environment.size()));
+        line += spec.user ? Format("as %u", *spec.user) : std::string("as self");
+        journal_.push_back(line);
+    }
+
+    Journal& journal_;
 };
 
 // Signals as "kill <pid> <signal>"; none is sent.
@@ -194,6 +242,7 @@ struct UninstallWorld {
     JournalLogger logger{journal};
     JournalShell shell{journal};
     JournalProcess process{journal, 0, kExecutions};
+    JournalProcesses processes{journal};
     JournalSignals signals{journal};
     JournalPanel panel{journal};
     FixedClock clock{1594384805.25};
@@ -202,6 +251,7 @@ struct UninstallWorld {
     FakeGestalt gestalt;
     platform::Replace<platform::Shell> useShell{shell};
     platform::Replace<platform::ProcessIdentity> useProcess{process};
+    platform::Replace<platform::Processes> useProcesses{processes};
     platform::Replace<platform::ProcessSignals> useSignals{signals};
     platform::Replace<platform::AlertPanel> usePanel{panel};
     platform::Replace<platform::Clock> useClock{clock};

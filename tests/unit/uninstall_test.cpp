@@ -49,14 +49,13 @@ void WriteDeviceList(const std::string& bundle, const std::vector<std::vector<st
     WriteFile(bundle + "/Contents/Resources/NetworkBlocker.xml", platform::XmlPropertyList(Value(list)));
 }
 
-// Puts a "ps" first on the search path that notes its arguments in "<folder>/ps-calls" and prints
-// `listing`.
+// Puts a "ps" first on the super-user's search path that notes its arguments in
+// "<folder>/ps-calls" and prints `listing`.
 void InstallPs(const std::string& folder, const std::string& listing) {
     WriteFile(folder + "/ps-listing", listing);
-    WriteFile(folder + "/ps",
+    WriteFile("/usr/local/sbin/ps",
               "#!/bin/sh\necho \"$*\" >>\"" + folder + "/ps-calls\"\ncat \"" + folder + "/ps-listing\"\n");
-    ASSERT_EQ(chmod((folder + "/ps").c_str(), 0755), 0);
-    setenv("PATH", (folder + ":/usr/bin:/bin").c_str(), 1);
+    ASSERT_EQ(chmod("/usr/local/sbin/ps", 0755), 0);
 }
 
 // The application's processes as "ps -A -o pid -o comm" lists them: the Launcher itself and the
@@ -136,9 +135,10 @@ TEST(FullUninstall, RunsEveryStepInOrderAndTurnsIntoTheUserHalfway) {
             EXPECT_FALSE(Exists(gone)) << gone;
         EXPECT_EQ(ReadFile(kTrashedUserData + "/settings.plist"), "x");
         // The receipts go through "/bin/rm" itself, with nothing of the Launcher's environment.
-        EXPECT_THAT(Lines(ReadFile(kExecutions)), ElementsAre("/bin/rm /bin/rm -rf " + kPlistReceipt + " | 0",
-                                                              "/bin/rm /bin/rm -rf " + kBomReceipt + " | 0",
-                                                              "/bin/rm /bin/rm -rf " + kOldReceipt + " | 0"));
+        EXPECT_THAT(Only(world.journal, [](const std::string& line) { return line.starts_with("start "); }),
+                    ElementsAre("start /bin/rm /bin/rm -rf " + kPlistReceipt + " | 0 as self",
+                                "start /bin/rm /bin/rm -rf " + kBomReceipt + " | 0 as self",
+                                "start /bin/rm /bin/rm -rf " + kOldReceipt + " | 0 as self"));
         EXPECT_THAT(Lines(ReadFile("/tmp/ps-calls")), ElementsAre("-A -o pid -o comm", "-A -o pid -o comm"));
     });
 }

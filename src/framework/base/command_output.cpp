@@ -6,6 +6,8 @@
 
 #include "framework/base/text_encoding.h"
 #include "framework/log/logging.h"
+#include "platform/service.h"
+#include "platform/shell.h"
 
 namespace {
 constexpr const char* kFunction = "QVK_Framework_GetCommandOutput";
@@ -14,16 +16,9 @@ constexpr const char* kSource = "GetCommandOutput";
 
 std::optional<std::string> QVK_Framework_GetCommandOutput(const char* command) {
     std::optional<std::string> result;
-    if (std::FILE* pipe = popen(command, "r")) {
-        std::string bytes;
-        int c;
-        while ((c = std::fgetc(pipe)) != EOF) bytes += static_cast<char>(c);
-        if (std::ferror(pipe)) {
-            QVK_Framework_Log_Internal(kFunction, kSource, 37, 2, "%s: %s", command, std::strerror(errno));
-        } else {
-            result = QVK_Framework_IsUTF8(bytes) ? bytes : QVK_Framework_DecodeLatin1(bytes);
-        }
-        int status = pclose(pipe);
+    int status = 0;
+    if (std::optional<std::string> bytes = qvk::platform::Use<qvk::platform::Shell>().Output(command, status)) {
+        result = QVK_Framework_IsUTF8(*bytes) ? *bytes : QVK_Framework_DecodeLatin1(*bytes);
         QVK_Framework_Log_Internal(kFunction, kSource, 41, 5, "Status: %s -> %d\n", command, status);
         std::fflush(stdout);
     } else {

@@ -14,6 +14,7 @@
 #include "framework/log/logging.h"
 #include "platform/account.h"
 #include "platform/bundle.h"
+#include "platform/environment.h"
 #include "platform/format.h"
 #include "platform/process_identity.h"
 #include "platform/service.h"
@@ -76,10 +77,16 @@ std::vector<char*> WithoutHandOverOptions(int argc, char** argv) {
     std::optional<qvk::platform::Account> account = qvk::platform::LookUpAccount(user);
     setenv("HOME", account ? account->home.c_str() : "/", 1);
 
+    // The privileged run sees only what any program of the super-user may see of the caller's environment.
+    std::vector<std::string> environment = qvk::platform::ChildEnvironment();
+    std::vector<char*> variables;
+    for (std::string& entry : environment) variables.push_back(entry.data());
+    variables.push_back(nullptr);
+
     if (process.BecomeUser(0) != 0) QVK_Framework_AssertionFailed("NO", kFunction, kSource, 79);
     // Without the set-user-id bit the new image keeps the super-user as both real and effective user.
     process.ChangeMode(executable, 0755);
-    process.Execute(executable, arguments.data(), environ);
+    process.Execute(executable, arguments.data(), variables.data());
     // The bit back first, or no later start would be privileged.
     process.ChangeMode(executable, 04755);
     QVK_Framework_AssertionFailed("NO", kFunction, kSource, 79);

@@ -1,0 +1,263 @@
+// Children are prepared wholly before fork: between fork and execve the child makes only
+// async-signal-safe system calls (a forked copy of a threaded process may not take locks or
+// allocate).
+#include "platform/processes.h"
+
+#include <fcntl.h>
+#include <grp.h>
+#include <linux/close_range.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <string_view>
+
+#include "platform/account.h"
+#include "platform/environment.h"
+#include "platform/service.h"
+#include "platform/unique_fd.h"
+
+namespace qvk::platform {
+
+namespace {
+
+// What /bin/sh searches when the environment names no PATH.
+constexpr const char* kShell = "/bin/sh";
+constexpr const char* kDefaultPath = "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin";
+
+// A spec turned into what the child needs, with every allocation made in the parent.
+class Plan {
+public:
+    // False with errno set when the spec cannot be carried out (no account for its user).
+    bool Prepare(const ChildSpec& spec) {
+        arguments_ = spec.arguments;
+        environment_ = spec.environment;
+        shellIdentity_ = spec.shellIdentity;
+        if (spec.user && *spec.user != 0 && geteuid() == 0) {
+            account_ = LookUpAccount(*spec.user);
+            if (!account_) {
+                errno = ESRCH;
+                return false;
+            }
+            SetVariable("HOME", account_->home);
+            SetVariable("USER", account_->name);
+            SetVariable("LOGNAME", account_->name);
+        }
+        candidates_.clear();
+        if (spec.program.find('/') != std::string::npos) {
+            candidates_.push_back(spec.program);
+        } else {
+            std::string_view path = FindVariable(environment_, "PATH").value_or(kDefaultPath);
+            for (;;) {
+                std::size_t colon = path.find(':');
+                std::string_view folder = path.substr(0, colon);
+                // An empty entry is the current folder, as for the shell.
+                candidates_.push_back(folder.empty() ? spec.program : std::string(folder) + "/" + spec.program);
+                if (colon == std::string_view::npos) break;
+                path.remove_prefix(colon + 1);
+            }
+        }
+        argv_ = Pointers(arguments_);
+        scriptArgv_ = {const_cast<char*>(kShell), nullptr};
+        scriptArgv_.insert(scriptArgv_.end(), argv_.begin() + (argv_.size() > 1 ? 1 : argv_.size() - 1), argv_.end());
+        envp_ = Pointers(environment_);
+        paths_.clear();
+        for (const std::string& candidate : candidates_) paths_.push_back(candidate.c_str());
+        struct rlimit limit {};
+        highestDescriptor_ = getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur != RLIM_INFINITY
+                                 ? static_cast<int>(std::min<rlim_t>(limit.rlim_cur, 1 << 20))
+                                 : 1 << 20;
+        return true;
+    }
+
+    // In the child (or in place): takes the identity, resets signals, leaves descriptors 0-2 only,
+    // and executes. Returns the errno that ends the attempt.
+    int Execute() {
+        struct sigaction standard {};
+        standard.sa_handler = SIG_DFL;
+        for (int signal = 1; signal < NSIG; ++signal) sigaction(signal, &standard, nullptr);
+        sigset_t none;
+        sigemptyset(&none);
+        sigprocmask(SIG_SETMASK, &none, nullptr);
+
+        if (account_) {
+            if (setgroups(account_->groups.size(), account_->groups.data()) != 0 || setgid(account_->gid) != 0 ||
+                setuid(account_->uid) != 0)
+                return errno;
+            // The super-user must be out of reach for good.
+            if (getuid() != account_->uid || geteuid() != account_->uid || getegid() != account_->gid || setuid(0) == 0)
+                return EPERM;
+        } else if (shellIdentity_ && (getuid() != geteuid() || getgid() != getegid())) {
+            // What /bin/sh does when it is started with ids that differ.
+            if (setuid(getuid()) != 0 || setgid(getgid()) != 0) return errno;
+        }
+
+        if (syscall(SYS_close_range, 3u, ~0u, CLOSE_RANGE_CLOEXEC) != 0)
+            for (int fd = 3; fd < highestDescriptor_; ++fd) fcntl(fd, F_SETFD, FD_CLOEXEC);
+
+        // As the shell: every place is tried, and the last one that was there but failed decides. A
+        // file that is no program is read by /bin/sh, as the shell reads a script.
+        int result = ENOENT;
+        for (const char* path : paths_) {
+            execve(path, argv_.data(), envp_.data());
+            if (errno == ENOEXEC) {
+                scriptArgv_[1] = const_cast<char*>(path);
+                execve(kShell, scriptArgv_.data(), envp_.data());
+            }
+            if (errno != ENOENT && errno != ENOTDIR) result = errno;
+        }
+        return result;
+    }
+
+private:
+    static std::vector<char*> Pointers(std::vector<std::string>& texts) {
+        std::vector<char*> pointers;
+        for (std::string& text : texts) pointers.push_back(text.data());
+        pointers.push_back(nullptr);
+        return pointers;
+    }
+
+    void SetVariable(std::string_view name, const std::string& value) {
+        std::erase_if(environment_, [&](const std::string& entry) {
+            return entry.starts_with(name) && entry.size() > name.size() && entry[name.size()] == '=';
+        });
+        environment_.push_back(std::string(name) + "=" + value);
+    }
+
+    std::vector<std::string> arguments_;
+    std::vector<std::string> environment_;
+    std::vector<std::string> candidates_;
+    std::vector<char*> argv_;
+    std::vector<char*> envp_;
+    // "/bin/sh", the path (filled in by the child), the arguments after the first.
+    std::vector<char*> scriptArgv_;
+    std::vector<const char*> paths_;
+    std::optional<Account> account_;
+    bool shellIdentity_ = false;
+    int highestDescriptor_ = 0;
+};
+
+// Signals stay blocked from just before fork until the child has reset its handlers, so that no
+// handler of the parent ever runs in the child.
+class BlockedSignals {
+public:
+    BlockedSignals() {
+        sigset_t all;
+        sigfillset(&all);
+        pthread_sigmask(SIG_SETMASK, &all, &previous_);
+    }
+    ~BlockedSignals() { pthread_sigmask(SIG_SETMASK, &previous_, nullptr); }
+    BlockedSignals(const BlockedSignals&) = delete;
+    BlockedSignals& operator=(const BlockedSignals&) = delete;
+
+private:
+    sigset_t previous_;
+};
+
+void WriteErrno(int fd, int error) {
+    if (fd < 0) return;
+    ssize_t ignored = write(fd, &error, sizeof error);
+    (void)ignored;
+}
+
+int WaitFor(pid_t pid) {
+    int status = 0;
+    while (waitpid(pid, &status, 0) < 0)
+        if (errno != EINTR) return -1;
+    return status;
+}
+
+// Forks a child that executes the plan; `output`, when valid, becomes its standard output. The
+// child's failure to execute arrives on `failure` as an errno.
+pid_t Fork(Plan& plan, int failure, int output) {
+    BlockedSignals blocked;
+    pid_t pid = fork();
+    if (pid == 0) {
+        if (output >= 0 && dup2(output, STDOUT_FILENO) < 0) {
+            WriteErrno(failure, errno);
+            _exit(127);
+        }
+        WriteErrno(failure, plan.Execute());
+        _exit(127);
+    }
+    return pid;
+}
+
+// Runs the plan and waits; `collect` receives the child's standard output when given.
+int RunPlan(Plan& plan, std::string* collect) {
+    int report[2];
+    if (pipe2(report, O_CLOEXEC) != 0) return -1;
+    UniqueFd reportRead(report[0]), reportWrite(report[1]);
+    UniqueFd outputRead, outputWrite;
+    if (collect) {
+        int output[2];
+        if (pipe2(output, O_CLOEXEC) != 0) return -1;
+        outputRead.reset(output[0]);
+        outputWrite.reset(output[1]);
+    }
+    pid_t pid = Fork(plan, reportWrite.get(), outputWrite.get());
+    if (pid < 0) return -1;
+    reportWrite.reset();
+    outputWrite.reset();
+
+    if (collect) {
+        char buffer[4096];
+        for (;;) {
+            ssize_t n = read(outputRead.get(), buffer, sizeof buffer);
+            if (n < 0 && errno == EINTR) continue;
+            if (n <= 0) break;
+            collect->append(buffer, static_cast<std::size_t>(n));
+        }
+    }
+    int error = 0;
+    ssize_t got;
+    do got = read(reportRead.get(), &error, sizeof error);
+    while (got < 0 && errno == EINTR);
+    int status = WaitFor(pid);
+    if (got == static_cast<ssize_t>(sizeof error)) {
+        errno = error;
+        return -1;
+    }
+    return status;
+}
+
+class LinuxProcesses final : public Processes {
+public:
+    int Run(const ChildSpec& spec) override {
+        Plan plan;
+        return plan.Prepare(spec) ? RunPlan(plan, nullptr) : -1;
+    }
+
+    int RunForOutput(const ChildSpec& spec, std::string& output) override {
+        Plan plan;
+        return plan.Prepare(spec) ? RunPlan(plan, &output) : -1;
+    }
+
+    pid_t Start(const ChildSpec& spec) override {
+        Plan plan;
+        return plan.Prepare(spec) ? Fork(plan, -1, -1) : -1;
+    }
+
+    int Wait(pid_t pid) override { return WaitFor(pid); }
+
+    int Replace(const ChildSpec& spec) override {
+        Plan plan;
+        if (!plan.Prepare(spec)) return -1;
+        errno = plan.Execute();
+        return -1;
+    }
+};
+
+}  // namespace
+
+template <>
+Processes& DefaultService<Processes>() {
+    static LinuxProcesses processes;
+    return processes;
+}
+
+}  // namespace qvk::platform
