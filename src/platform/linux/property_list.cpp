@@ -223,10 +223,17 @@ public:
             return Value(Date{sec + usec / 1e6 + kMacEpochOffset});
         }
         case PLIST_ARRAY: {
+            // Walked with an iterator: the library may find an item by its index only by counting
+            // from the first, which makes a long array take quadratic time.
             Array array;
-            std::uint32_t n = plist_array_get_size(node);
-            for (std::uint32_t i = 0; i < n; ++i) {
-                std::optional<Value> item = Of(plist_array_get_item(node, i), depth + 1);
+            plist_array_iter it = nullptr;
+            plist_array_new_iter(node, &it);
+            std::unique_ptr<void, MallocDeleter> ownedIter(it);
+            for (;;) {
+                plist_t element = nullptr;
+                plist_array_next_item(node, it, &element);
+                if (!element) break;
+                std::optional<Value> item = Of(element, depth + 1);
                 if (!item) return std::nullopt;
                 array.push_back(std::move(*item));
             }
