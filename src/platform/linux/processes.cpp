@@ -4,7 +4,6 @@
 #include "platform/processes.h"
 
 #include <fcntl.h>
-#include <grp.h>
 #include <linux/close_range.h>
 #include <signal.h>
 #include <sys/resource.h>
@@ -18,6 +17,7 @@
 
 #include "platform/account.h"
 #include "platform/environment.h"
+#include "platform/process_identity.h"
 #include "platform/service.h"
 #include "platform/unique_fd.h"
 
@@ -85,12 +85,7 @@ public:
         sigprocmask(SIG_SETMASK, &none, nullptr);
 
         if (account_) {
-            if (setgroups(account_->groups.size(), account_->groups.data()) != 0 || setgid(account_->gid) != 0 ||
-                setuid(account_->uid) != 0)
-                return errno;
-            // The super-user must be out of reach for good.
-            if (getuid() != account_->uid || geteuid() != account_->uid || getegid() != account_->gid || setuid(0) == 0)
-                return EPERM;
+            if (int error = TakeIdentity(*account_)) return error;
         } else if (shellIdentity_ && (getuid() != geteuid() || getgid() != getegid())) {
             // What /bin/sh does when it is started with ids that differ.
             if (setuid(getuid()) != 0 || setgid(getgid()) != 0) return errno;
