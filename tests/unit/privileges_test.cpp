@@ -48,7 +48,8 @@ protected:
     TempDir folder_;
     FakeBundle bundle_{folder_.path() + "/Launcher.app"};
     platform::Replace<platform::Bundle> useBundle_{bundle_};
-    FakeGestalt snowLeopard_{0x1068};
+    // The first release with the hand-over.
+    FakeGestalt snowLeopard_{0x1060};
     platform::Replace<platform::Gestalt> useGestalt_{snowLeopard_};
     LanguageEnvironment languages_;
     CapturingLogger logger_;

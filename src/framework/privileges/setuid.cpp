@@ -29,14 +29,13 @@ constexpr const char* kSource = "../../Framework/Framework/Apple/Setuid";
 
 // The whole text as a decimal user id; none for anything else (sign, blanks, trailing letters,
 // (uid_t)-1 or beyond).
-bool ParseUserID(const char* text, std::uint32_t& uid) {
-    if (*text < '0' || *text > '9') return false;
+std::optional<std::uint32_t> ParseUserID(const char* text) {
+    if (*text < '0' || *text > '9') return std::nullopt;
     errno = 0;
     char* end = nullptr;
     unsigned long long value = std::strtoull(text, &end, 10);
-    if (errno != 0 || *end != '\0' || value >= UINT32_MAX) return false;
-    uid = static_cast<std::uint32_t>(value);
-    return true;
+    if (errno != 0 || *end != '\0' || value >= UINT32_MAX) return std::nullopt;
+    return static_cast<std::uint32_t>(value);
 }
 
 bool IsHandOverOption(const char* argument) {
@@ -114,7 +113,7 @@ std::uint32_t QVK_Framework_HandleSetuid(int argc, char** argv) {
     process.ChangeMode(executable, 04755);
     for (int i = 1; i < argc; ++i) {
         if (std::strcmp(argv[i], "--uid") == 0 && i + 1 < argc) {
-            ParseUserID(argv[++i], result);
+            if (std::optional<std::uint32_t> uid = ParseUserID(argv[++i])) result = *uid;
         } else if (std::strcmp(argv[i], "--lang") == 0 && i + 1 < argc) {
             QVK_PreferredLanguage = argv[++i];
         }
