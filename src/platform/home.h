@@ -8,6 +8,7 @@ namespace qvk::platform {
 class Home {
 public:
     virtual ~Home() = default;
+    // The same folder for the life of the process.
     virtual std::string HomeDirectory() = 0;
 };
 

@@ -1,29 +1,31 @@
 #include "platform/home.h"
 
-#include <pwd.h>
 #include <unistd.h>
 
 #include <cstdlib>
-#include <vector>
+#include <optional>
 
+#include "platform/account.h"
 #include "platform/service.h"
 
 namespace qvk::platform {
 
 namespace {
 
+std::string ReadHome() {
+    const char* home = std::getenv("HOME");
+    if (home && home[0] == '/') return home;
+    std::optional<Account> account = LookUpAccount(getuid());
+    return account ? account->home : "/";
+}
+
 class LinuxHome final : public Home {
 public:
+    // Read once, before other threads start: later changes of the environment neither move the
+    // home folder nor race with a thread that reads it.
     std::string HomeDirectory() override {
-        const char* home = std::getenv("HOME");
-        if (home && home[0] == '/') return home;
-        long size = sysconf(_SC_GETPW_R_SIZE_MAX);
-        std::vector<char> buf(size > 0 ? static_cast<std::size_t>(size) : 16384);
-        passwd entry{};
-        passwd* found = nullptr;
-        if (getpwuid_r(getuid(), &entry, buf.data(), buf.size(), &found) == 0 && found && found->pw_dir)
-            return found->pw_dir;
-        return "/";
+        static const std::string home = ReadHome();
+        return home;
     }
 };
 
