@@ -162,7 +162,7 @@ TEST_F(Logging, AForkedChildReopensOnlyTheFirstFileItChecks) {
     EXPECT_THAT(Log(parent, ".Trace"), HasSubstr("c: child trace"));
 }
 
-TEST_F(Logging, PlantedLinksAndHardLinksAreNotWrittenThrough) {
+TEST_F(Logging, PlantedLinksHardLinksAndAnotherUsersFileAreNotWrittenThrough) {
     WriteFile("/tmp/Quorvik-PleaseDoLog", "");
     std::string victim = home_.path() + "/victim";
     WriteFile(victim, "keep");
@@ -174,6 +174,13 @@ TEST_F(Logging, PlantedLinksAndHardLinksAreNotWrittenThrough) {
         });
     }
     EXPECT_EQ(ReadFile(victim), "keep");
+    RunInChild([] {
+        std::string name = "/tmp/Quorvik.Log." + std::to_string(getpid());
+        WriteFile(name, "theirs");
+        ASSERT_EQ(chown(name.c_str(), 65534, 65534), 0);
+        QVK_Framework_Log_Internal("main", "Main", 68, 5, "x");
+        EXPECT_EQ(ReadFile(name), "theirs");
+    });
 }
 
 void LogDepthSamples() {

@@ -1,16 +1,14 @@
 #include "framework/log/log.h"
 
-#include <unistd.h>
-
 #include <cstdlib>
-#include <fstream>
-#include <iterator>
 #include <mutex>
 
 #include "framework/base/assert.h"
 #include "framework/base/identity.h"
 #include "framework/base/system_version.h"
+#include "platform/file_read.h"
 #include "platform/home.h"
+#include "platform/home_user.h"
 #include "platform/service.h"
 
 namespace qvk::log {
@@ -27,19 +25,23 @@ std::int32_t LogDepth = 0;
 std::mutex ownLock;
 LogStream LogFileNew;
 
+// The marker's text; none when it is not a regular, single-link file that can be read.
+std::optional<std::string> ReadMarker(const std::string& path, bool inHome) {
+    std::optional<platform::AsHomeUser> asUser;
+    if (inHome && !asUser.emplace().Active()) return std::nullopt;
+    return platform::ReadBoundedFile(path, platform::FilePlace::UserGround);
+}
+
 bool ReadFileDepth(const char* name) {
-    std::string inTmp = std::string("/tmp/") + name;
-    if (access(inTmp.c_str(), R_OK) == 0) {
+    std::optional<std::string> text = ReadMarker(std::string("/tmp/") + name, false);
+    if (text) {
         TempUser = true;
-        LogDepth = GetLogDepth(inTmp);
-        return true;
+    } else {
+        text = ReadMarker(platform::Use<platform::Home>().HomeDirectory() + "/" + name, true);
+        if (!text) return false;
     }
-    std::string inHome = platform::Use<platform::Home>().HomeDirectory() + "/" + name;
-    if (access(inHome.c_str(), R_OK) == 0) {
-        LogDepth = GetLogDepth(inHome);
-        return true;
-    }
-    return false;
+    LogDepth = GetLogDepth(*text);
+    return true;
 }
 
 void LogHeader(std::FILE* stream) {
@@ -61,19 +63,18 @@ void OpenDepthFile() {
         threadPart += '.';
     }
     if (TempUser) {
-        LogFileNew = OpenLogFile(Format("/tmp/Quorvik.%s%s.log", threadPart, timestamp));
+        LogFileNew = OpenLogFile(Format("/tmp/Quorvik.%s%s.log", threadPart, timestamp), LogPlace::Tmp);
         LogHeader(LogFileNew.get());
     } else {
-        LogFileNew = OpenLogFile(platform::Use<platform::Home>().HomeDirectory() + "/" +
-                                 Format("Quorvik.%@%@.txt", threadPart, timestamp));
+        LogFileNew = OpenLogFile(
+            platform::Use<platform::Home>().HomeDirectory() + "/" + Format("Quorvik.%@%@.txt", threadPart, timestamp),
+            LogPlace::Home);
     }
 }
 
 }  // namespace
 
-std::int32_t GetLogDepth(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+std::int32_t GetLogDepth(const std::string& text) {
     return static_cast<std::int32_t>(std::strtol(text.c_str(), nullptr, 10));
 }
 

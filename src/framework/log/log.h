@@ -14,8 +14,8 @@ bool DepthLoggerEnabled();
 void WriteDepthEntry(const char* function, const char* file, std::uint32_t line, std::int32_t type,
                      const std::optional<std::string>& message);
 const char* DepthTypeAbbreviation(std::int32_t type);
-// The leading decimal integer of the file's text; 0 when it has none.
-std::int32_t GetLogDepth(const std::string& path);
+// The leading decimal integer of the marker's text; 0 when it has none.
+std::int32_t GetLogDepth(const std::string& text);
 
 }  // namespace qvk::log
 

@@ -9,8 +9,10 @@
 
 #include "framework/base/text_encoding.h"
 #include "platform/home.h"
+#include "platform/home_user.h"
 #include "platform/service.h"
 #include "platform/thread_dictionary.h"
+#include "platform/unique_fd.h"
 
 namespace qvk::log {
 
@@ -32,16 +34,18 @@ std::optional<std::string> MessageText(const char* format, std::initializer_list
     return text;
 }
 
-LogStream OpenLogFile(const std::string& path) {
-    int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY, 0666);
-    if (fd < 0) return nullptr;
+LogStream OpenLogFile(const std::string& path, LogPlace place) {
+    std::optional<platform::AsHomeUser> asUser;
+    if (place == LogPlace::Home && !asUser.emplace().Active()) return nullptr;
+    platform::UniqueFd fd(
+        open(path.c_str(), O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | O_NOCTTY, 0666));
     struct stat st {};
-    if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || st.st_nlink != 1 || ftruncate(fd, 0) != 0) {
-        close(fd);
-        return nullptr;
-    }
-    std::FILE* stream = fdopen(fd, "w");
-    if (!stream) close(fd);
+    if (fd.get() < 0 || fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode) || st.st_nlink != 1) return nullptr;
+    // Another user's file in /tmp is theirs to keep.
+    if (place == LogPlace::Tmp && st.st_uid != geteuid()) return nullptr;
+    if (ftruncate(fd.get(), 0) != 0) return nullptr;
+    std::FILE* stream = fdopen(fd.get(), "w");
+    if (stream) fd.release();
     return LogStream(stream);
 }
 
@@ -67,10 +71,9 @@ std::string DateText(const char* format) {
 }
 
 bool CheckForFile(const char* name) {
-    std::string inTmp = std::string("/tmp/") + name;
-    if (access(inTmp.c_str(), F_OK) == 0) return true;
-    std::string inHome = platform::Use<platform::Home>().HomeDirectory() + "/" + name;
-    return access(inHome.c_str(), F_OK) == 0;
+    struct stat st {};
+    if (fstatat(AT_FDCWD, (std::string("/tmp/") + name).c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0) return true;
+    return platform::ExistsInHome(platform::Use<platform::Home>().HomeDirectory() + "/" + name);
 }
 
 bool StandardErrorIsTerminal() { return isatty(STDERR_FILENO) == 1; }

@@ -23,14 +23,22 @@ struct FileCloser {
 };
 using LogStream = std::unique_ptr<std::FILE, FileCloser>;
 
-// Opens a log file for writing from its start. A symbolic link, a hard-linked file or anything but
-// a regular file at the path is refused, so a log never writes through a planted name.
-LogStream OpenLogFile(const std::string& path);
+enum class LogPlace {
+    // /tmp: the file must be new or already the effective user's.
+    Tmp,
+    // The home folder: opened with the home user's file-system identity.
+    Home,
+};
+
+// Opens a log file for writing from its start. It is opened without following a symbolic link and
+// without blocking; a hard-linked file or anything but a regular file at the path is refused, so a
+// log never writes through a planted name and a planted pipe never stalls the caller.
+LogStream OpenLogFile(const std::string& path, LogPlace place);
 
 // The current local time in strftime's `format`, where "%F" stands for the milliseconds.
 std::string DateText(const char* format);
 
-// True when "/tmp/<name>" or "<home>/<name>" exists.
+// True when "/tmp/<name>" or "<home>/<name>" exists (a symbolic link counts as itself).
 bool CheckForFile(const char* name);
 
 bool StandardErrorIsTerminal();

@@ -55,7 +55,7 @@ void OpenIfNeeded(LogStream& stream, const std::string& path) {
     ProcessID = pid;
     // A forked child drops the parent's handle without closing it.
     (void)stream.release();
-    stream = OpenLogFile(path);
+    stream = OpenLogFile(path, LogPlace::Tmp);
     WriteLogHeader(stream.get());
 }
 
