@@ -18,6 +18,7 @@
 #include "platform/clock.h"
 #include "platform/format.h"
 #include "platform/home.h"
+#include "platform/home_user.h"
 #include "platform/preferences.h"
 #include "platform/property_list.h"
 #include "platform/service.h"
@@ -86,7 +87,7 @@ void LaunchMyApplication() {
 
     std::string marker =
         qvk::Format("%@/.Quorvik-NoLaunch-Brisel", qvk::platform::Use<qvk::platform::Home>().HomeDirectory());
-    if (access(marker.c_str(), F_OK) == 0) std::exit(0);
+    if (qvk::platform::ExistsInHome(marker)) std::exit(0);
 
     if (ApplicationIsRunning()) return;
 

@@ -28,6 +28,7 @@
 #include "platform/bundle.h"
 #include "platform/format.h"
 #include "platform/home.h"
+#include "platform/home_user.h"
 #include "platform/run_loop.h"
 #include "platform/service.h"
 
@@ -42,6 +43,7 @@ int main(int argc, char** argv) {
     // Pin the bundle's place now: a later move of the application must not change it.
     qvk::platform::Use<qvk::platform::Bundle>().MainBundlePath();
     MyUser = QVK_Framework_HandleSetuid(argc, argv);
+    qvk::platform::SetHomeUser(MyUser);
     bool installationMoved = std::getenv(InstallationMovedOption) != nullptr;
 
     QVK_Framework_BuildID_App = QVK_Framework_BuildID;
@@ -71,7 +73,7 @@ int main(int argc, char** argv) {
 
     std::string marker =
         qvk::Format("%@/.Quorvik-NoLaunch-Brisel", qvk::platform::Use<qvk::platform::Home>().HomeDirectory());
-    if (access(marker.c_str(), F_OK) == 0) return 0;
+    if (qvk::platform::ExistsInHome(marker)) return 0;
 
     if (!installationMoved) QVK_Framework_LoadDrivers(false, std::nullopt, nullptr);
     DoAutoCleanup();

@@ -36,8 +36,6 @@ void MyAutoCleanup::QVK_Framework_FileMonitor_Triggered(const qvk::Data* event) 
         std::exit(0);
     }
 
-    // Files the super-user makes in the home folder belong to the user.
-    QVK_Framework_Autostart_User = MyUser;
     QVK_Framework_Tidyup(false);
     AutostartBundleOverride = qvk::Format("%@/Launcher.app", current);
     QVK_Framework_Log_Internal("-[MyAutoCleanup QVK_Framework_FileMonitor_Triggered:]", "MyAutoCleanup", 479, 5,

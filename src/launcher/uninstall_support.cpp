@@ -15,6 +15,7 @@
 #include "platform/clock.h"
 #include "platform/format.h"
 #include "platform/home.h"
+#include "platform/home_user.h"
 #include "platform/process_identity.h"
 #include "platform/service.h"
 #include "platform/shell.h"
@@ -82,6 +83,15 @@ void MoveUserDataToTrash(const char* function, const char* source) {
     std::string from = qvk::Format("%@/.%s", home, QVK_Framework_Project_Name_Bundle);
     std::string to = qvk::Format("%@/.Trash/%s UserData %llx", home, QVK_Framework_Project_Name_Bundle, stamp);
     QVK_Framework_Log_Internal(function, source, __LINE__, 5, "%@ -> %@", from, to);
-    if (std::rename(from.c_str(), to.c_str()) != 0)
-        QVK_Framework_Log_Internal(function, source, __LINE__, 5, "rename failed: %s", std::strerror(errno));
+    int error = 0;
+    {
+        // The kernel checks the move as it would for the user.
+        qvk::platform::AsHomeUser asUser;
+        if (!asUser.Active())
+            error = EPERM;
+        else if (std::rename(from.c_str(), to.c_str()) != 0)
+            error = errno;
+    }
+    if (error != 0)
+        QVK_Framework_Log_Internal(function, source, __LINE__, 5, "rename failed: %s", std::strerror(error));
 }

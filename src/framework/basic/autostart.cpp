@@ -20,8 +20,10 @@
 #include "framework/base/text_encoding.h"
 #include "framework/log/logging.h"
 #include "platform/bundle.h"
+#include "platform/file_read.h"
 #include "platform/file_write.h"
 #include "platform/home.h"
+#include "platform/home_user.h"
 #include "platform/preferences.h"
 #include "platform/process_signals.h"
 #include "platform/property_list.h"
@@ -31,11 +33,10 @@
 
 std::optional<std::string> AutostartBundleOverride;
 std::optional<std::string> AutostartBundle;
-std::uint32_t QVK_Framework_Autostart_User = 0;
 
 namespace {
 
-using qvk::platform::FileOwner;
+using qvk::platform::AsHomeUser;
 using qvk::platform::UniqueFd;
 
 constexpr const char* kSource = "Apple/../../../Framework/Library/Basic/Autostart";
@@ -74,23 +75,9 @@ std::string ExpandTilde(const std::string& path) {
     return found->pw_dir + rest;
 }
 
-bool ActsForAnotherUser() { return geteuid() == 0 && QVK_Framework_Autostart_User != 0; }
-
-// Whether the super-user may put or remove the agent in this folder on the user's behalf: only in
-// a folder of the user's own, so that a home folder pointed elsewhere never gets a file of the
-// super-user's making.
-bool BelongsToTheUser(int folder, const std::string& path, const char* function) {
-    if (!ActsForAnotherUser()) return true;
-    struct stat st {};
-    if (fstat(folder, &st) == 0 && st.st_uid == QVK_Framework_Autostart_User) return true;
-    QVK_Framework_Log_Internal(function, kSource, 66, 2, "Refused, \"%@\" does not belong to user %u", path,
-                               QVK_Framework_Autostart_User);
-    return false;
-}
-
 // Opens the folder `name` inside `parent`, never through a symbolic link. With `create` it is made
-// first (mode 0755) unless it exists; a folder made for another user is handed to `owner`.
-UniqueFd OpenFolder(int parent, const char* name, bool create, const std::optional<FileOwner>& owner) {
+// first with mode 0755 unless it exists. The caller holds the home user's identity.
+UniqueFd OpenFolder(int parent, const char* name, bool create) {
     bool made = false;
     if (create) {
         if (mkdirat(parent, name, 0755) == 0)
@@ -99,30 +86,24 @@ UniqueFd OpenFolder(int parent, const char* name, bool create, const std::option
             return UniqueFd();
     }
     UniqueFd folder(openat(parent, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    if (folder.get() >= 0 && made) {
-        fchmod(folder.get(), 0755);
-        if (owner) fchown(folder.get(), owner->user, owner->group);
-    }
+    if (folder.get() >= 0 && made) fchmod(folder.get(), 0755);
     return folder;
 }
 
-// The home folder's "Library/LaunchAgents", made when asked; none when it can't be had safely.
-UniqueFd OpenAgentFolder(bool create, const char* function) {
-    std::string home = Home();
-    UniqueFd homeFolder(open(home.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    struct stat homeStat {};
-    if (homeFolder.get() < 0 || fstat(homeFolder.get(), &homeStat) < 0) return UniqueFd();
-    if (!BelongsToTheUser(homeFolder.get(), home, function)) return UniqueFd();
-    std::optional<FileOwner> owner;
-    if (ActsForAnotherUser()) owner = FileOwner{QVK_Framework_Autostart_User, homeStat.st_gid};
-
-    UniqueFd library = OpenFolder(homeFolder.get(), "Library", create, owner);
-    if (library.get() < 0 || !BelongsToTheUser(library.get(), home + "/Library", function)) return UniqueFd();
-    std::string agents = GetLaunchdItemPath(false);
-    if (create) QVK_Framework_Log_Internal(function, kSource, 108, 5, "Launchd Dir: %@", agents);
-    UniqueFd folder = OpenFolder(library.get(), "LaunchAgents", create, owner);
-    if (folder.get() < 0 || !BelongsToTheUser(folder.get(), agents, function)) return UniqueFd();
-    return folder;
+// The home folder's "Library/LaunchAgents", made when asked; none when it can't be had.
+UniqueFd OpenAgentFolder(bool create) {
+    UniqueFd library;
+    {
+        AsHomeUser asUser;
+        UniqueFd home(asUser.Active() ? open(Home().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC) : -1);
+        if (home.get() < 0) return UniqueFd();
+        library = OpenFolder(home.get(), "Library", create);
+    }
+    if (library.get() < 0) return UniqueFd();
+    if (create)
+        QVK_Framework_Log_Internal("CreateLaunchdItem", kSource, 108, 5, "Launchd Dir: %@", GetLaunchdItemPath(false));
+    AsHomeUser asUser;
+    return asUser.Active() ? OpenFolder(library.get(), "LaunchAgents", create) : UniqueFd();
 }
 
 // Whether the text can stand in an XML property list: UTF-8 without control characters but tab,
@@ -166,7 +147,7 @@ bool CreateLaunchdItem() {
     agent["RunAtLoad"] = true;
     agent["OnDemand"] = false;
 
-    UniqueFd folder = OpenAgentFolder(true, kFunction);
+    UniqueFd folder = OpenAgentFolder(true);
     if (folder.get() < 0) return false;
 
     bool serialisable = true;
@@ -184,22 +165,27 @@ bool CreateLaunchdItem() {
         return false;
     }
     QVK_Framework_Log_Internal(kFunction, kSource, 119, 5, "Launchd path: %@", GetLaunchdItemPath(true));
-    std::optional<FileOwner> owner;
-    struct stat st {};
-    if (ActsForAnotherUser() && fstat(folder.get(), &st) == 0)
-        owner = FileOwner{QVK_Framework_Autostart_User, st.st_gid};
-    qvk::platform::WriteFileAtomically(folder.get(), name, xml, 0644, owner);
+    AsHomeUser asUser;
+    if (asUser.Active()) qvk::platform::WriteFileAtomically(folder.get(), name, xml, 0644, std::nullopt);
     return true;
 }
 
 void RemoveLaunchdItem() {
-    UniqueFd folder = OpenAgentFolder(false, "RemoveLaunchdItem");
+    UniqueFd folder = OpenAgentFolder(false);
     std::string name = AgentFileName();
-    if (folder.get() >= 0 && name.find('/') == std::string::npos) unlinkat(folder.get(), name.c_str(), 0);
+    AsHomeUser asUser;
+    if (asUser.Active() && folder.get() >= 0 && name.find('/') == std::string::npos)
+        unlinkat(folder.get(), name.c_str(), 0);
 }
 
 bool CheckLaunchdItem() {
-    std::optional<qvk::Value> agent = qvk::platform::ReadPropertyList(GetLaunchdItemPath(true));
+    std::optional<std::string> bytes;
+    {
+        AsHomeUser asUser;
+        if (asUser.Active())
+            bytes = qvk::platform::ReadBoundedFile(GetLaunchdItemPath(true), qvk::platform::FilePlace::UserGround);
+    }
+    std::optional<qvk::Value> agent = bytes ? qvk::platform::ParsePropertyList(*bytes) : std::nullopt;
     if (!agent || !agent->AsDictionary()) return false;
     const std::string* program = (*agent)["Program"].AsString();
     return program && Executable(*program);

@@ -2,7 +2,8 @@
 // agent in the home folder's Library/LaunchAgents starts the "Launchd Skript" inside the launcher
 // bundle; switching off deletes the agent, removes its job from launchd and ends the running
 // launchers of the installation. Older systems are only asked whether the Launcher is one of the
-// user's login items.
+// user's login items. Everything in the home folder is done with the home user's file-system
+// identity, so what is made there belongs to that user.
 #pragma once
 
 #include <cstdint>
@@ -17,9 +18,6 @@
 extern std::optional<std::string> AutostartBundleOverride;
 // When set, a path component appended to the running bundle's path to find the autostart bundle.
 extern std::optional<std::string> AutostartBundle;
-// The user that folders and files made in the home folder by the super-user are handed to: the
-// user the program acts for. 0 leaves them to the super-user.
-extern std::uint32_t QVK_Framework_Autostart_User;
 
 // On: writes the agent, true when it was written. Off: removes the agent and ends the launchers;
 // the result then means nothing.

@@ -5,11 +5,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <vector>
-
 #include "platform/bundle.h"
+#include "platform/file_read.h"
 #include "platform/file_write.h"
 #include "platform/home.h"
+#include "platform/home_user.h"
 #include "platform/property_list.h"
 #include "platform/service.h"
 #include "platform/unique_fd.h"
@@ -25,22 +25,21 @@ bool ValidDomain(const std::string& domain) {
 
 std::string PreferencesFolder() { return Use<Home>().HomeDirectory() + "/Library/Preferences"; }
 
-std::optional<std::string> ReadAll(int fd) {
-    std::string bytes;
-    std::vector<char> buf(65536);
-    for (;;) {
-        ssize_t n = read(fd, buf.data(), buf.size());
-        if (n < 0) return std::nullopt;
-        if (n == 0) return bytes;
-        bytes.append(buf.data(), static_cast<std::size_t>(n));
-    }
+// The domain's file, read as the home user; none when it is missing, no single-link regular file
+// or no property list.
+std::optional<Value> ReadDomain(const std::string& domain) {
+    AsHomeUser asUser;
+    if (!asUser.Active()) return std::nullopt;
+    std::optional<std::string> bytes =
+        ReadBoundedFile(PreferencesFolder() + "/" + domain + ".plist", FilePlace::UserGround);
+    return bytes ? ParsePropertyList(*bytes) : std::nullopt;
 }
 
 class LinuxPreferences final : public Preferences {
 public:
     std::optional<Dictionary> PersistentDomainForName(const std::string& domain) override {
         if (!ValidDomain(domain)) return std::nullopt;
-        std::optional<Value> root = ReadPropertyList(PreferencesFolder() + "/" + domain + ".plist");
+        std::optional<Value> root = ReadDomain(domain);
         if (!root || !root->AsDictionary()) return std::nullopt;
         return *root->AsDictionary();
     }
@@ -58,16 +57,17 @@ public:
 
     void RemoveObjectForKey(const std::string& domain, const std::string& key) override {
         if (!ValidDomain(domain)) return;
-        UniqueFd folder(open(PreferencesFolder().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+        AsHomeUser asUser;
+        if (!asUser.Active()) return;
+        std::string folderPath = PreferencesFolder();
+        UniqueFd folder(open(folderPath.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
         if (folder.get() < 0) return;
         std::string name = domain + ".plist";
-        // The file as it is, never through a link: its owner and mode go to the rewritten one.
-        UniqueFd file(openat(folder.get(), name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+        // The file's owner and mode go to the rewritten one.
         struct stat st {};
-        if (file.get() < 0 || fstat(file.get(), &st) < 0 || !S_ISREG(st.st_mode)) return;
-        std::optional<std::string> bytes = ReadAll(file.get());
-        if (!bytes) return;
-        std::optional<Value> root = ParsePropertyList(*bytes);
+        if (fstatat(folder.get(), name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) return;
+        std::optional<std::string> bytes = ReadBoundedFile(folderPath + "/" + name, FilePlace::UserGround);
+        std::optional<Value> root = bytes ? ParsePropertyList(*bytes) : std::nullopt;
         Dictionary* values = root ? root->AsDictionary() : nullptr;
         if (!values || values->erase(key) == 0) return;
         WriteFileAtomically(folder.get(), name, XmlPropertyList(*root), st.st_mode & 07777,
