@@ -259,6 +259,9 @@ TEST_F(DriverLoading, LinksAreFollowedOnlyWhileTheyStayInsideThePackage) {
     std::string loop = Driver(drivers + "/Drivers/Loop.kext");
     fs::create_symlink("..", loop + "/Contents/Up");
     fs::create_symlink(".", drivers + "/Drivers/Self.Quorvik-Package");
+    // A second name of a file outside, inside a driver that is itself inside.
+    std::string linked = Driver(drivers + "/Drivers/Linked.kext");
+    fs::create_hard_link(secret, linked + "/Contents/Copy");
 
     QVK_Framework_LoadDrivers(false, std::nullopt, nullptr);
 
@@ -272,6 +275,7 @@ TEST_F(DriverLoading, LinksAreFollowedOnlyWhileTheyStayInsideThePackage) {
                                 "\" outside \"" + fs::canonical(app).string() + "\"; left unchanged"),
               3);
     EXPECT_EQ(Count(errors, "\"" + loop + "/Contents/Up\" leads back into a folder being walked"), 3);
+    EXPECT_EQ(Count(errors, "\"" + linked + "/Contents/Copy\" has 2 links; left unchanged"), 3);
     EXPECT_EQ(Messages("LoadDrivers", "Errors"),
               ThreeTimes({"\"" + drivers + "/Drivers/Self.Quorvik-Package\" leads back into a folder being walked"}));
 }

@@ -15,6 +15,7 @@
 #include "platform/bundle.h"
 #include "platform/format.h"
 #include "platform/service.h"
+#include "platform/unique_fd.h"
 
 // The Launcher runs as root while the package usually belongs to the user who installed it, so a
 // user could plant a symbolic link in a driver folder and have root hand a system file to 0:0 0644.
@@ -23,7 +24,8 @@
 // O_NOFOLLOW, and owner and mode are changed through that descriptor (fchown, fchmod). A link
 // swapped in after the check makes the open fail instead of redirecting it, so there is no window
 // between check and change. Links whose target lies inside the package are thus followed as
-// designed, and a folder reached through one is walked as a folder.
+// designed, and a folder reached through one is walked as a folder. A file with a second name is
+// left alone: that name may lie outside the package, beyond what the walk can see.
 
 namespace qvk::drivers {
 
@@ -39,27 +41,10 @@ std::string ApplicationFolder() {
 
 namespace {
 
+using qvk::platform::UniqueFd;
+
 constexpr const char* kFunction = "QVK_Framework_SetDriverPermissions";
 constexpr const char* kSource = "Drivers";
-
-class Descriptor {
-public:
-    explicit Descriptor(int fd = -1) : fd_(fd) {}
-    Descriptor(Descriptor&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
-    Descriptor& operator=(Descriptor&& other) noexcept {
-        std::swap(fd_, other.fd_);
-        return *this;
-    }
-    ~Descriptor() {
-        if (fd_ >= 0) close(fd_);
-    }
-    int get() const { return fd_; }
-    int release() { return std::exchange(fd_, -1); }
-    explicit operator bool() const { return fd_ >= 0; }
-
-private:
-    int fd_;
-};
 
 struct DirectoryCloser {
     void operator()(DIR* dir) const { closedir(dir); }
@@ -90,10 +75,10 @@ std::optional<std::string> Below(const std::string& root, const std::string& res
 }
 
 // Opens `relative` beneath the folder `root` without following a link at any component.
-Descriptor OpenBeneath(int root, const std::string& relative) {
-    Descriptor current(fcntl(root, F_DUPFD_CLOEXEC, 0));
+UniqueFd OpenBeneath(int root, const std::string& relative) {
+    UniqueFd current(fcntl(root, F_DUPFD_CLOEXEC, 0));
     std::size_t start = 0;
-    while (current && start < relative.size()) {
+    while (current.get() >= 0 && start < relative.size()) {
         std::size_t end = relative.find('/', start);
         bool last = end == std::string::npos;
         if (last) end = relative.size();
@@ -101,7 +86,7 @@ Descriptor OpenBeneath(int root, const std::string& relative) {
         // Non-blocking and without a controlling terminal, so that a fifo or terminal in the package
         // neither stalls the walk nor attaches to the Launcher.
         int flags = O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY | O_NONBLOCK | (last ? 0 : O_DIRECTORY);
-        current = Descriptor(openat(current.get(), component.c_str(), flags));
+        current.reset(openat(current.get(), component.c_str(), flags));
         start = end + 1;
     }
     return current;
@@ -123,11 +108,16 @@ bool FixTree(Walk& walk, const std::string& path) {
                                    path, *resolved, walk.application);
         return false;
     }
-    Descriptor fd = OpenBeneath(walk.applicationFd, *relative);
+    UniqueFd fd = OpenBeneath(walk.applicationFd, *relative);
     struct stat status {};
-    if (!fd || fstat(fd.get(), &status) != 0) return false;
+    if (fd.get() < 0 || fstat(fd.get(), &status) != 0) return false;
 
     if (!S_ISDIR(status.st_mode)) {
+        if (status.st_nlink > 1) {
+            QVK_Framework_Log_Internal(kFunction, kSource, 176, 2, "\"%@\" has %u links; left unchanged", path,
+                                       static_cast<unsigned>(status.st_nlink));
+            return false;
+        }
         ChangeOwnerAndMode(fd.get(), 0644);
         return true;
     }
@@ -163,8 +153,8 @@ bool FixTree(Walk& walk, const std::string& path) {
 bool QVK_Framework_SetDriverPermissions(const std::string& path) {
     std::optional<std::string> application = Resolve(qvk::drivers::ApplicationFolder());
     if (!application) return false;
-    Descriptor applicationFd(open(application->c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (!applicationFd) return false;
+    UniqueFd applicationFd(open(application->c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (applicationFd.get() < 0) return false;
     Walk walk{applicationFd.get(), *application, {}};
     return FixTree(walk, path);
 }
