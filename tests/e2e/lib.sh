@@ -183,6 +183,10 @@ e2e_teardown() {
     [ -n "$ROOT" ] || return 0
     { kill -KILL -1 && wait; } 2>/dev/null
     E2E_USB_IN="" E2E_USB_OUT="" E2E_USB_DIR="" E2E_USB_COUNT=0
+    # A sanitizer build reports on the Launcher's standard error.
+    if grep -q -E '^==[0-9]+==ERROR: |runtime error: ' "$ROOT/.e2e/launcher.out" 2>/dev/null; then
+        e2e_fail "the Launcher's output holds a sanitizer report"
+    fi
     [ "$E2E_SCENARIO_FAILED" = 0 ] || e2e_show_evidence
     umount -R "$ROOT" 2>/dev/null || umount -R -l "$ROOT"
     rm -rf "${ROOT%/root}"
