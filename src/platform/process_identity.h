@@ -7,7 +7,6 @@
 #include <sys/types.h>
 
 #include <cstdint>
-#include <string>
 
 #include "platform/account.h"
 
@@ -29,8 +28,6 @@ public:
     virtual int ChangeMode(int fd, mode_t mode) = 0;
     // Replaces the process image by the file `fd` refers to; returns only when that failed.
     virtual int Execute(int fd, char* const argv[], char* const envp[]) = 0;
-    // execve of a path: returns only when the process image could not be replaced.
-    virtual int Execute(const std::string& path, char* const argv[], char* const envp[]) = 0;
 };
 
 // Takes the account's supplementary groups, group and user id, in that order, and makes sure the

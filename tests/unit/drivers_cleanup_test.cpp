@@ -168,7 +168,7 @@ TEST(DriversUninstall, WithoutTheSuperUserEndsBeforeChangingAnything) {
     InSandboxRoot([] {
         UninstallWorld world(0x1068);
         WriteFile(kDriversUninstaller + "/Contents/Info.plist", "x");
-        JournalProcess user(world.journal, 501, kExecutions);
+        JournalProcess user(world.journal, 501);
         platform::Replace<platform::ProcessIdentity> asUser(user);
         EXPECT_DEATH(Launcher_DriversCleanup(),
                      "Assertion failed: \\(getuid\\(\\)==0 \\|\\| geteuid\\(\\)==0\\), function "

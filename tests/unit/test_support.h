@@ -191,10 +191,11 @@ public:
         return 0;
     }
     int Execute(int fd, char* const argv[], char* const envp[]) override {
-        return Replaced(Format("execve <%d>", fd), argv, envp);
-    }
-    int Execute(const std::string& path, char* const argv[], char* const envp[]) override {
-        return Replaced("execve " + path, argv, envp);
+        calls.push_back(Format("execve <%d>", fd));
+        for (char* const* a = argv; *a; ++a) arguments.push_back(*a);
+        for (char* const* e = envp; *e; ++e) environment.push_back(*e);
+        if (failExecute) return -1;
+        throw ImageReplaced{};
     }
 
     std::vector<std::string> calls, arguments, environment;
@@ -202,14 +203,6 @@ public:
     bool fromDescriptor = false;
 
 private:
-    int Replaced(const std::string& call, char* const argv[], char* const envp[]) {
-        calls.push_back(call);
-        for (char* const* a = argv; *a; ++a) arguments.push_back(*a);
-        for (char* const* e = envp; *e; ++e) environment.push_back(*e);
-        if (failExecute) return -1;
-        throw ImageReplaced{};
-    }
-
     std::uint32_t real_, effective_;
 };
 

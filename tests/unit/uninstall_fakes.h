@@ -74,13 +74,9 @@ private:
 };
 
 // The ids follow setuid as the kernel's would for the super-user, without changing the process.
-// Replacing the process image is written to `executions` (the caller is a forked child, whose
-// memory the test does not see) as "<path> <arg>... | <number of environment entries>", and then
-// really done.
 class JournalProcess : public platform::ProcessIdentity {
 public:
-    JournalProcess(Journal& journal, std::uint32_t uid, std::string executions)
-        : journal_(journal), uid_(uid), executions_(std::move(executions)) {}
+    JournalProcess(Journal& journal, std::uint32_t uid) : journal_(journal), uid_(uid) {}
     std::uint32_t RealUserID() override { return uid_; }
     std::uint32_t EffectiveUserID() override { return uid_; }
     int BecomeUser(std::uint32_t uid) override {
@@ -92,23 +88,10 @@ public:
     int ChangeOwner(int, std::uint32_t, std::uint32_t) override { return 0; }
     int ChangeMode(int, mode_t) override { return 0; }
     int Execute(int, char* const[], char* const[]) override { return -1; }
-    int Execute(const std::string& path, char* const argv[], char* const envp[]) override {
-        std::string line = path;
-        for (char* const* a = argv; *a; ++a) line += std::string(" ") + *a;
-        int environment = 0;
-        for (char* const* e = envp; *e; ++e) ++environment;
-        line += Format(" | %d\n", environment);
-        if (std::FILE* out = std::fopen(executions_.c_str(), "a")) {
-            std::fputs(line.c_str(), out);
-            std::fclose(out);
-        }
-        return execve(path.c_str(), argv, envp);
-    }
 
 private:
     Journal& journal_;
     std::uint32_t uid_;
-    std::string executions_;
 };
 
 // Programs as "<how> <program> <arg>... | <number of environment entries> <user>", where how is
@@ -220,8 +203,6 @@ Journal Only(const Journal& journal, Keep keep) {
 
 inline const std::string kApp = "/Applications/Quorvik Mobile Partner.app";
 inline const std::string kHome = "/Users/maria";
-// Where JournalProcess writes the replaced process images.
-inline const std::string kExecutions = "/tmp/executions";
 
 // The installed package, its user and every recording service, as the uninstall sequences see
 // them inside a sandbox root: the Launcher acts as the super-user for user 501, whose home is
@@ -241,7 +222,7 @@ struct UninstallWorld {
     Journal journal;
     JournalLogger logger{journal};
     JournalShell shell{journal};
-    JournalProcess process{journal, 0, kExecutions};
+    JournalProcess process{journal, 0};
     JournalProcesses processes{journal};
     JournalSignals signals{journal};
     JournalPanel panel{journal};

@@ -275,7 +275,7 @@ TEST(FullUninstall, WithoutTheSuperUserEndsBeforeChangingAnything) {
     InSandboxRoot([] {
         UninstallWorld world(0x1068);
         WriteFile(kUninstaller + "/Contents/Info.plist", "x");
-        JournalProcess user(world.journal, 501, kExecutions);
+        JournalProcess user(world.journal, 501);
         platform::Replace<platform::ProcessIdentity> asUser(user);
         EXPECT_DEATH(Launcher_PerformCleanup(true, kApp),
                      "Assertion failed: \\(getuid\\(\\)==0 \\|\\| geteuid\\(\\)==0\\), function "

@@ -49,9 +49,6 @@ public:
     int Execute(int fd, char* const argv[], char* const envp[]) override {
         return execveat(fd, "", argv, envp, AT_EMPTY_PATH);
     }
-    int Execute(const std::string& path, char* const argv[], char* const envp[]) override {
-        return execve(path.c_str(), argv, envp);
-    }
 };
 
 }  // namespace
