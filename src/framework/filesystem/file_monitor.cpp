@@ -231,8 +231,6 @@ void QVK_Framework_FileMonitor::CloseDescriptors() {
     KernelQueue.reset();
     ThreadPipe[0].reset();
     ThreadPipe[1].reset();
-    FilePath.clear();
-    ThreadCondition.reset();
 }
 
 void QVK_Framework_FileMonitor::QVK_Framework_FileMonitor_Triggered(const qvk::Data*) {
