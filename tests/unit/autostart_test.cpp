@@ -150,9 +150,12 @@ TEST_F(Autostart, TheSuperUserMakesTheAgentAsTheUserOnlyWhereTheUserMayWrite) {
     EXPECT_FALSE(QVK_Framework_Autostart_Set(true));
     EXPECT_FALSE(std::filesystem::exists(home + "/Library"));
 
+    // A folder that is there already keeps its mode.
+    ASSERT_EQ(mkdir((home + "/Library").c_str(), 0700), 0);
+    ASSERT_EQ(chown((home + "/Library").c_str(), kNobody, kNobody), 0);
     ASSERT_EQ(chown(home.c_str(), kNobody, kNobody), 0);
     ASSERT_TRUE(QVK_Framework_Autostart_Set(true));
-    EXPECT_EQ(ModeAndOwner(home + "/Library"), Format("755 %u", kNobody));
+    EXPECT_EQ(ModeAndOwner(home + "/Library"), Format("700 %u", kNobody));
     EXPECT_EQ(ModeAndOwner(home + "/Library/LaunchAgents"), Format("755 %u", kNobody));
     EXPECT_EQ(ModeAndOwner(Agent()), Format("644 %u", kNobody));
 
