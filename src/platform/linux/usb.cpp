@@ -167,7 +167,9 @@ class LinuxUsb final : public Usb, public std::enable_shared_from_this<LinuxUsb>
 public:
     std::optional<Value> ServiceMatching(const char* className) override {
         if (!className) return std::nullopt;
-        return Value(Dictionary{{kProviderClassKey, Value(className)}});
+        // Made in the optional itself: a temporary Value moved into it and then destroyed makes
+        // GCC 12's optimiser warn of a variant member used uninitialized.
+        return std::optional<Value>(std::in_place, Dictionary{{kProviderClassKey, Value(className)}});
     }
 
     std::unique_ptr<NotificationPort> NotificationPortCreate() override;

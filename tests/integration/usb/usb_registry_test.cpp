@@ -37,7 +37,8 @@ struct Recorder {
             std::int64_t vendor = -1, product = -1;
             if (v) v->GetInteger(vendor);
             if (p) p->GetInteger(product);
-            batch += (batch.empty() ? "" : " ") + Format("%04x/%04x", vendor, product);
+            if (!batch.empty()) batch += ' ';
+            batch += Format("%04x/%04x", vendor, product);
             Registry().ObjectRelease(s);
         }
         return batch;
