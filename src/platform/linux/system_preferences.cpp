@@ -9,8 +9,10 @@
 #include <utility>
 #include <vector>
 
+#include "platform/file_write.h"
 #include "platform/property_list.h"
 #include "platform/service.h"
+#include "platform/unique_fd.h"
 
 namespace qvk::platform {
 
@@ -18,38 +20,12 @@ namespace {
 
 constexpr const char* kSystemPreferencesPath = "/Library/Preferences/SystemConfiguration/preferences.plist";
 
-class Fd {
-public:
-    Fd() = default;
-    explicit Fd(int fd) : fd_(fd) {}
-    Fd(Fd&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
-    Fd& operator=(Fd&& other) noexcept {
-        if (this != &other) {
-            Reset();
-            fd_ = std::exchange(other.fd_, -1);
-        }
-        return *this;
-    }
-    ~Fd() { Reset(); }
-    int get() const { return fd_; }
-    bool valid() const { return fd_ >= 0; }
-    void Reset() {
-        if (fd_ >= 0) close(fd_);
-        fd_ = -1;
-    }
-    // Closes now and reports whether the last writes reached the file.
-    bool Close() { return close(std::exchange(fd_, -1)) == 0; }
-
-private:
-    int fd_ = -1;
-};
-
 // A regular file opened for reading; a symbolic link, a FIFO or a device is refused. Non-blocking
 // open so that a FIFO put in the file's place can't hang the caller.
-Fd OpenRegular(const std::string& path, int flags, mode_t mode = 0) {
-    Fd fd(open(path.c_str(), flags | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, mode));
+UniqueFd OpenRegular(const std::string& path, int flags, mode_t mode = 0) {
+    UniqueFd fd(open(path.c_str(), flags | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, mode));
     struct stat st {};
-    if (!fd.valid() || fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode)) return Fd();
+    if (fd.get() < 0 || fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode)) return UniqueFd();
     return fd;
 }
 
@@ -64,21 +40,11 @@ bool ReadAll(int fd, std::string& out) {
     }
 }
 
-bool WriteAll(int fd, const std::string& bytes) {
-    std::size_t done = 0;
-    while (done < bytes.size()) {
-        ssize_t n = write(fd, bytes.data() + done, bytes.size() - done);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return false;
-        done += static_cast<std::size_t>(n);
-    }
-    return true;
-}
-
-std::string ParentFolder(const std::string& path) {
+// The folder that holds `path`, and the name in it.
+std::pair<std::string, std::string> SplitPath(const std::string& path) {
     std::size_t slash = path.rfind('/');
-    if (slash == std::string::npos) return ".";
-    return slash == 0 ? "/" : path.substr(0, slash);
+    if (slash == std::string::npos) return {".", path};
+    return {slash == 0 ? "/" : path.substr(0, slash), path.substr(slash + 1)};
 }
 
 // The components of "/A/B/C"; none for a path that does not start at the root. Empty components
@@ -104,9 +70,9 @@ struct Contents {
 };
 
 std::optional<Contents> ReadContents(const std::string& path) {
-    Fd fd = OpenRegular(path, O_RDONLY);
+    UniqueFd fd = OpenRegular(path, O_RDONLY);
     Contents contents;
-    if (!fd.valid() || fstat(fd.get(), &contents.status) != 0 || !ReadAll(fd.get(), contents.bytes))
+    if (fd.get() < 0 || fstat(fd.get(), &contents.status) != 0 || !ReadAll(fd.get(), contents.bytes))
         return std::nullopt;
     std::optional<Value> root = ParsePropertyList(contents.bytes);
     if (!root || !root->AsDictionary()) return std::nullopt;
@@ -123,9 +89,9 @@ public:
     // it on a file no longer in use and work beside the next writer. The lock file is never
     // removed either, for the same reason.
     bool Lock(bool wait) override {
-        if (lock_.valid()) return false;
-        Fd fd = OpenRegular(path_ + "-lock", O_RDWR | O_CREAT, 0644);
-        if (!fd.valid()) return false;
+        if (lock_.get() >= 0) return false;
+        UniqueFd fd = OpenRegular(path_ + "-lock", O_RDWR | O_CREAT, 0644);
+        if (fd.get() < 0) return false;
         int result;
         do {
             result = flock(fd.get(), LOCK_EX | (wait ? 0 : LOCK_NB));
@@ -146,8 +112,8 @@ public:
     }
 
     bool Unlock() override {
-        if (!lock_.valid()) return false;
-        lock_.Reset();
+        if (lock_.get() < 0) return false;
+        lock_.reset();
         return true;
     }
 
@@ -200,7 +166,7 @@ public:
     bool CommitChanges() override {
         if (!changed_) return true;
         // Saving always happens under the lock, taken here for the commit when the caller has not.
-        bool ownLock = !lock_.valid();
+        bool ownLock = lock_.get() < 0;
         if (ownLock && !Lock(true)) return false;
         bool saved = Save();
         if (ownLock) Unlock();
@@ -211,28 +177,19 @@ public:
     bool ApplyChanges() override { return true; }
 
 private:
-    // Writes a new file beside the old one and renames it into place, so a reader sees either the
-    // old or the new preferences, never a part. mkstemp creates the name exclusively, so a link
-    // planted at a temporary name is never followed.
+    // Replaces the file in one step, so a reader sees either the old or the new preferences, never
+    // a part; the new file gets the old one's owner and mode.
     bool Save() {
         std::string bytes = XmlPropertyList(Value(contents_.root));
-        std::string temporary = path_ + ".XXXXXX";
-        Fd fd(mkostemp(temporary.data(), O_CLOEXEC));
-        if (!fd.valid()) return false;
+        auto [folderPath, name] = SplitPath(path_);
+        UniqueFd folder(open(folderPath.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
         const struct stat& old = contents_.status;
-        bool written = WriteAll(fd.get(), bytes) && fchown(fd.get(), old.st_uid, old.st_gid) == 0 &&
-                       fchmod(fd.get(), old.st_mode & 07777) == 0 && fsync(fd.get()) == 0;
-        struct stat status {};
-        written = written && fstat(fd.get(), &status) == 0;
-        if (!fd.Close() || !written || rename(temporary.c_str(), path_.c_str()) != 0) {
-            unlink(temporary.c_str());
+        if (folder.get() < 0 ||
+            !WriteFileAtomically(folder.get(), name, bytes, old.st_mode & 07777, FileOwner{old.st_uid, old.st_gid}))
             return false;
-        }
         // The rename itself is made durable with the folder.
-        Fd folder(open(ParentFolder(path_).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-        if (folder.valid()) fsync(folder.get());
+        fsync(folder.get());
         contents_.bytes = std::move(bytes);
-        contents_.status = status;
         changed_ = false;
         return true;
     }
@@ -240,7 +197,7 @@ private:
     std::string path_;
     Contents contents_;
     bool changed_ = false;
-    Fd lock_;
+    UniqueFd lock_;
 };
 
 }  // namespace
