@@ -20,45 +20,24 @@
 #include <utility>
 #include <vector>
 
+#include "platform/file_read.h"
 #include "platform/linux/mounts_file.h"
 #include "platform/service.h"
+#include "platform/unique_fd.h"
 
 namespace qvk::platform {
 
 namespace {
-
-class Descriptor {
-public:
-    explicit Descriptor(int fd) : fd_(fd) {}
-    ~Descriptor() {
-        if (fd_ >= 0) close(fd_);
-    }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-    int get() const { return fd_; }
-
-private:
-    int fd_;
-};
 
 struct DirCloser {
     void operator()(DIR* d) const { closedir(d); }
 };
 using Dir = std::unique_ptr<DIR, DirCloser>;
 
-// The whole file, read in blocks of 1024 bytes; none on a read error.
-std::optional<std::string> ReadWhole(const char* path) {
-    Descriptor fd(open(path, O_RDONLY | O_CLOEXEC));
-    if (fd.get() < 0) return std::nullopt;
-    std::string bytes;
-    char block[1024];
-    for (;;) {
-        ssize_t n = read(fd.get(), block, sizeof block);
-        if (n < 0 && errno == EINTR) continue;
-        if (n < 0) return std::nullopt;
-        if (n == 0) return bytes;
-        bytes.append(block, static_cast<std::size_t>(n));
-    }
+// The kernel's mount tables; none when one cannot be read whole.
+std::optional<std::string> ReadMountTable(const char* path) {
+    constexpr std::size_t kMountTableLimit = std::size_t{16} << 20;
+    return ReadBoundedFile(path, FilePlace::Anywhere, kMountTableLimit);
 }
 
 // The kernel writes a blank, tab, line feed and backslash in these files as \ooo.
@@ -110,7 +89,7 @@ struct MountInfo {
 
 // /proc/self/mountinfo: "id parent major:minor root mount-point options [optional...] - type source ...".
 std::optional<std::vector<MountInfo>> ReadMountInfo() {
-    std::optional<std::string> text = ReadWhole("/proc/self/mountinfo");
+    std::optional<std::string> text = ReadMountTable("/proc/self/mountinfo");
     if (!text) return std::nullopt;
     std::vector<MountInfo> mounts;
     ForEachLine(*text, [&](std::string_view line) {
@@ -158,7 +137,7 @@ bool EjectMedium(const std::string& device, std::uint64_t volume) {
     if (auto mounts = ReadMountInfo())
         for (const MountInfo& m : *mounts)
             if (m.id == volume) return true;
-    Descriptor fd(open(device.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    UniqueFd fd(open(device.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
     if (fd.get() < 0) return false;
     if (ioctl(fd.get(), CDROM_GET_CAPABILITY, 0) < 0) return true;
     return ioctl(fd.get(), CDROMEJECT, 0) == 0;
@@ -185,7 +164,7 @@ namespace {
 class LinuxVolumes final : public Volumes {
 public:
     std::optional<std::string> MountListing() override {
-        std::optional<std::string> text = ReadWhole("/proc/self/mounts");
+        std::optional<std::string> text = ReadMountTable("/proc/self/mounts");
         if (!text) return std::nullopt;
         return MountListingOf(*text);
     }
