@@ -25,7 +25,7 @@ bool QVK_Framework_Use_USBLauncher() {
     return MyModule != nullptr;
 }
 
-bool GetNumber(qvk::platform::IoService service, const char* key, std::int32_t& result) {
+bool GetNumber(qvk::platform::UsbService service, const char* key, std::int32_t& result) {
     std::optional<qvk::Value> property = Registry().RegistryEntryCreateCFProperty(service, key);
     std::int64_t number = 0;
     if (!property || !property->IsNumber() || !property->GetInteger(number)) return false;
@@ -69,12 +69,12 @@ std::optional<qvk::Array> QVK_Framework_Port_Module_USBLauncher::QVK_Framework_P
 
 void QVK_Framework_Port_Module_USBLauncher::LaunchApp(const qvk::Value*) { LaunchMyApplication(); }
 
-void QVK_Framework_Port_Module_USBLauncher::QVK_Framework_PortModule_Publish(qvk::platform::IoIterator iterator) {
+void QVK_Framework_Port_Module_USBLauncher::QVK_Framework_PortModule_Publish(qvk::platform::UsbIterator iterator) {
     constexpr const char* kFunction = "-[QVK_Framework_Port_Module_USBLauncher QVK_Framework_PortModule_Publish:]";
     QVK_Framework_Log_Internal(kFunction, kSource, 202, 5, nullptr);
     bool found = false;
     qvk::platform::Usb& registry = Registry();
-    while (qvk::platform::IoService service = registry.IteratorNext(iterator)) {
+    while (qvk::platform::UsbService service = registry.IteratorNext(iterator)) {
         std::int32_t vendor = 0;
         std::int32_t product = 0;
         if (GetNumber(service, qvk::platform::kUsbVendorKey, vendor) &&

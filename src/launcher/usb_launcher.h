@@ -22,7 +22,7 @@ public:
     // Launches the application; the argument is not looked at.
     void LaunchApp(const qvk::Value* argument);
     // Logs every device of the batch and schedules one launch when at least one could be read.
-    void QVK_Framework_PortModule_Publish(qvk::platform::IoIterator iterator) override;
+    void QVK_Framework_PortModule_Publish(qvk::platform::UsbIterator iterator) override;
 
 private:
     // Ends with the module, so that a launch scheduled for a destroyed module does nothing.
@@ -37,4 +37,4 @@ bool QVK_Framework_Use_USBLauncher();
 
 // The service's registry property `key` as a signed 32-bit number; false when it is absent or is no
 // such number.
-bool GetNumber(qvk::platform::IoService service, const char* key, std::int32_t& result);
+bool GetNumber(qvk::platform::UsbService service, const char* key, std::int32_t& result);

@@ -4,26 +4,25 @@
 // a context; each batch of matching services reaches the callback as an iterator.
 //
 // The iterator rule of that registry holds: the callback is called again only after its iterator
-// was drained, that is after IteratorNext answered 0. A handler that leaves services in the
+// was drained, that is after IteratorNext answered no service. A handler that leaves services in the
 // iterator gets no further calls for that notification.
 #pragma once
 
-#include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
 
+#include "platform/io_handle.h"
 #include "platform/value.h"
 
 namespace qvk::platform {
 
-// Handles of registry objects (services and iterators); 0 is no object.
-using IoObject = std::uint32_t;
-using IoService = IoObject;
-using IoIterator = IoObject;
+// A USB device in the registry, and a batch of them handed over by a notification.
+using UsbService = IoHandle<struct UsbServiceKind>;
+using UsbIterator = IoHandle<struct UsbIteratorKind>;
 
 // Called with the notification's context and the iterator that holds the new batch.
-using ServiceMatchingCallback = void (*)(void* refcon, IoIterator iterator);
+using ServiceMatchingCallback = void (*)(void* refcon, UsbIterator iterator);
 
 // The notification types.
 inline constexpr const char* kPublishNotification = "IOServicePublish";
@@ -48,7 +47,7 @@ public:
     // holds the services that match now (for a publish notification) and true is answered; the
     // notification is armed once the caller has drained that iterator.
     virtual bool AddMatchingNotification(const char* type, const Value& matching, ServiceMatchingCallback callback,
-                                         void* refcon, IoIterator& iterator) = 0;
+                                         void* refcon, UsbIterator& iterator) = 0;
 };
 
 class Usb {
@@ -58,15 +57,17 @@ public:
     virtual std::optional<Value> ServiceMatching(const char* className) = 0;
     // A new notification port; none when the registry cannot be watched.
     virtual std::unique_ptr<NotificationPort> NotificationPortCreate() = 0;
-    // The iterator's next service (the caller releases it), or 0 when it is drained.
-    virtual IoService IteratorNext(IoIterator iterator) = 0;
-    // Gives a service or an iterator back; releasing an iterator ends its notification.
-    virtual void ObjectRelease(IoObject object) = 0;
+    // The iterator's next service (the caller releases it), or none when it is drained.
+    virtual UsbService IteratorNext(UsbIterator iterator) = 0;
+    // Gives a service back.
+    virtual void ObjectRelease(UsbService service) = 0;
+    // Gives an iterator back, which ends its notification.
+    virtual void ObjectRelease(UsbIterator iterator) = 0;
     // The service's registry property `key`: "idVendor" and "idProduct" as numbers, other
     // attributes as text; none when the service has no such property.
-    virtual std::optional<Value> RegistryEntryCreateCFProperty(IoService service, const std::string& key) = 0;
+    virtual std::optional<Value> RegistryEntryCreateCFProperty(UsbService service, const std::string& key) = 0;
     // The service's path in the registry (on Linux its sysfs path); none for an unknown service.
-    virtual std::optional<std::string> RegistryEntryGetPath(IoService service) = 0;
+    virtual std::optional<std::string> RegistryEntryGetPath(UsbService service) = 0;
 };
 
 }  // namespace qvk::platform

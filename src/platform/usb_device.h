@@ -33,7 +33,7 @@ public:
     virtual ~UsbDeviceAccess() = default;
     // Creates the plug-in for a service of the USB registry (platform/usb.h); on success `plugIn`
     // holds it. A service that is no USB device with a device node answers kIOReturnUnsupported.
-    virtual IoReturn CreatePlugInInterfaceForService(IoService service,
+    virtual IoReturn CreatePlugInInterfaceForService(UsbService service,
                                                      std::unique_ptr<UsbPlugInInterface>& plugIn) = 0;
 };
 

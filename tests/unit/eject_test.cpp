@@ -5,6 +5,7 @@
 
 #include <map>
 #include <set>
+#include <type_traits>
 
 #include "framework/eject/eject.h"
 #include "platform/sleeper.h"
@@ -18,6 +19,15 @@ using ::testing::ElementsAre;
 using namespace platform;
 
 constexpr const char* kEjectSource = "Apple/../../../Framework/Library/Base/Apple/Eject";
+
+// A USB service, a registry entry and their iterators are handles of their own kinds: one given
+// where another is meant, or a bare number, does not compile.
+static_assert(!std::is_invocable_v<decltype(&FindCDNode), UsbService> &&
+              !std::is_invocable_v<decltype(&QVK_Framework_BSDNameForMedia), UsbService> &&
+              !std::is_invocable_v<decltype(&FindCDNode), std::uint32_t>);
+static_assert(!std::is_constructible_v<UsbService, RegistryEntry> &&
+              !std::is_constructible_v<UsbService, UsbIterator> &&
+              !std::is_constructible_v<RegistryEntry, RegistryIterator>);
 
 class FakeVolumes : public Volumes, public Sleeper {
 public:

@@ -31,17 +31,17 @@ public:
     int failPublishAt = -1;
 
     // A service with these properties, present from the start.
-    platform::IoService AddPresent(Dictionary properties) {
-        platform::IoService s = ++next_;
+    platform::UsbService AddPresent(Dictionary properties) {
+        platform::UsbService s(++next_);
         properties_[s] = std::move(properties);
         present_.push_back(s);
         return s;
     }
     // An iterator holding new services with these properties, as a notification would hand it over.
-    platform::IoIterator Batch(const std::vector<Dictionary>& services) {
-        platform::IoIterator it = ++next_;
+    platform::UsbIterator Batch(const std::vector<Dictionary>& services) {
+        platform::UsbIterator it(++next_);
         for (const Dictionary& p : services) {
-            platform::IoService s = ++next_;
+            platform::UsbService s(++next_);
             properties_[s] = p;
             iterators_[it].push_back(s);
         }
@@ -55,30 +55,31 @@ public:
         if (ports_++ == failPortAt) return nullptr;
         return std::make_unique<Port>(*this);
     }
-    platform::IoService IteratorNext(platform::IoIterator iterator) override {
+    platform::UsbService IteratorNext(platform::UsbIterator iterator) override {
         auto& queue = iterators_[iterator];
-        if (queue.empty()) return 0;
-        platform::IoService s = queue.front();
+        if (queue.empty()) return {};
+        platform::UsbService s = queue.front();
         queue.pop_front();
         return s;
     }
-    void ObjectRelease(platform::IoObject object) override { released.push_back(object); }
-    std::optional<Value> RegistryEntryCreateCFProperty(platform::IoService service, const std::string& key) override {
+    void ObjectRelease(platform::UsbService service) override { released.push_back(service); }
+    void ObjectRelease(platform::UsbIterator iterator) override { iterators_.erase(iterator); }
+    std::optional<Value> RegistryEntryCreateCFProperty(platform::UsbService service, const std::string& key) override {
         Value properties(properties_[service]);
         if (properties[key].IsNull()) return std::nullopt;
         return properties[key];
     }
 
-    std::optional<std::string> RegistryEntryGetPath(platform::IoService service) override {
+    std::optional<std::string> RegistryEntryGetPath(platform::UsbService service) override {
         if (!properties_.count(service)) return std::nullopt;
-        return "/sys/devices/fake/" + std::to_string(service);
+        return "/sys/devices/fake/" + std::to_string(service.value());
     }
 
     // Whether the iterator still holds services.
-    bool Pending(platform::IoIterator iterator) { return !iterators_[iterator].empty(); }
+    bool Pending(platform::UsbIterator iterator) { return !iterators_[iterator].empty(); }
 
     std::vector<Armed> armed;
-    std::vector<platform::IoObject> released;
+    std::vector<platform::UsbService> released;
 
 private:
     class Port : public platform::NotificationPort {
@@ -87,13 +88,13 @@ private:
         ~Port() override { *alive_ = false; }
         bool AddSourceToMainRunLoop() override { return usb_.sources_++ != usb_.failSourceAt; }
         bool AddMatchingNotification(const char* type, const Value& matching, platform::ServiceMatchingCallback,
-                                     void* refcon, platform::IoIterator& iterator) override {
+                                     void* refcon, platform::UsbIterator& iterator) override {
             bool publish = std::string(type) == platform::kPublishNotification;
             int& count = publish ? usb_.publishes_ : usb_.terminates_;
             if (count++ == (publish ? usb_.failPublishAt : usb_.failTerminateAt)) return false;
-            iterator = ++usb_.next_;
+            iterator = platform::UsbIterator(++usb_.next_);
             if (publish)
-                for (platform::IoService s : usb_.present_)
+                for (platform::UsbService s : usb_.present_)
                     if (Value(usb_.properties_[s])[platform::kUsbVendorKey] == matching[platform::kUsbVendorKey] &&
                         Value(usb_.properties_[s])[platform::kUsbProductKey] == matching[platform::kUsbProductKey])
                         usb_.iterators_[iterator].push_back(s);
@@ -106,11 +107,11 @@ private:
         std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
     };
 
-    platform::IoObject next_ = 100;
+    std::uint32_t next_ = 100;
     int ports_ = 0, sources_ = 0, publishes_ = 0, terminates_ = 0;
-    std::map<platform::IoService, Dictionary> properties_;
-    std::vector<platform::IoService> present_;
-    std::map<platform::IoIterator, std::deque<platform::IoService>> iterators_;
+    std::map<platform::UsbService, Dictionary> properties_;
+    std::vector<platform::UsbService> present_;
+    std::map<platform::UsbIterator, std::deque<platform::UsbService>> iterators_;
 };
 
 // A run loop that keeps deferred work until the test runs it.

@@ -24,15 +24,15 @@ public:
         ++starts;
         return dictionaries;
     }
-    void QVK_Framework_PortModule_Publish(platform::IoIterator iterator) override { Record("publish", iterator); }
-    void QVK_Framework_PortModule_Terminate(platform::IoIterator iterator) override { Record("terminate", iterator); }
+    void QVK_Framework_PortModule_Publish(platform::UsbIterator iterator) override { Record("publish", iterator); }
+    void QVK_Framework_PortModule_Terminate(platform::UsbIterator iterator) override { Record("terminate", iterator); }
 
 private:
-    void Record(const std::string& what, platform::IoIterator iterator) {
+    void Record(const std::string& what, platform::UsbIterator iterator) {
         auto& usb = platform::Use<platform::Usb>();
         int count = 0;
         if (drain)
-            for (platform::IoService s; (s = usb.IteratorNext(iterator)) != 0; ++count) usb.ObjectRelease(s);
+            for (platform::UsbService s; (s = usb.IteratorNext(iterator)); ++count) usb.ObjectRelease(s);
         calls.push_back(what + " " + std::to_string(count) + (IsInitializing() ? " initializing" : ""));
     }
 };
@@ -142,15 +142,15 @@ TEST_F(PortModuleTest, CallbacksReachTheModuleAndTheBaseDrainsAndReleases) {
     EXPECT_TRUE(usb.armed.empty());
     EXPECT_EQ(logger.entries.at(0).message, "(null)");
 
-    platform::IoIterator published = usb.Batch({Device(1, 2), Device(3, 4)});
+    platform::UsbIterator published = usb.Batch({Device(1, 2), Device(3, 4)});
     PublishCallback(&base, published);
     EXPECT_FALSE(usb.Pending(published));
     EXPECT_EQ(usb.released.size(), 2u);
-    platform::IoIterator terminated = usb.Batch({Device(1, 2)});
+    platform::UsbIterator terminated = usb.Batch({Device(1, 2)});
     TerminateCallback(&base, terminated);
     EXPECT_FALSE(usb.Pending(terminated));
     EXPECT_EQ(usb.released.size(), 3u);
-    EXPECT_EQ(EmptyIterator(terminated), 0u);
+    EXPECT_FALSE(EmptyIterator(terminated));
 
     RecordingModule sub;
     sub.drain = false;

@@ -35,14 +35,14 @@ public:
     // Attempts past the script's end answer as its last entry does.
     explicit ScriptedAccess(std::vector<Attempt> script) : script_(std::move(script)) {}
 
-    IoReturn CreatePlugInInterfaceForService(IoService service, std::unique_ptr<UsbPlugInInterface>& plugIn) override {
+    IoReturn CreatePlugInInterfaceForService(UsbService service, std::unique_ptr<UsbPlugInInterface>& plugIn) override {
         services.push_back(service);
         const Attempt& a = script_[std::min(services.size(), script_.size()) - 1];
         if (a.givesPlugIn) plugIn = std::make_unique<PlugIn>(*this, a);
         return a.created;
     }
 
-    std::vector<IoService> services;
+    std::vector<UsbService> services;
     int plugInsAlive = 0, devicesAlive = 0;
 
 private:
@@ -79,7 +79,7 @@ struct Outcome {
     std::size_t attempts;
 };
 
-Outcome Open(ScriptedAccess& access, IoService service = 0x2f03) {
+Outcome Open(ScriptedAccess& access, UsbService service = UsbService(0x2f03)) {
     RecordingSleeper sleeper;
     Replace<UsbDeviceAccess> useAccess(access);
     Replace<Sleeper> useSleeper(sleeper);
@@ -105,7 +105,7 @@ TEST(UsbGetDevice, ASettlingDeviceAnswersAtTheThirdAttempt) {
     std::uint16_t vendor = 0;
     EXPECT_EQ(run.device->GetDeviceVendor(vendor), kIOReturnSuccess);
     EXPECT_EQ(vendor, 0x12d1);
-    EXPECT_THAT(access.services, Each(Eq(0x2f03u)));
+    EXPECT_THAT(access.services, Each(Eq(UsbService(0x2f03))));
     EXPECT_THAT(run.log, ElementsAre("21 <none>", "47 IOCreatePlugInInterfaceForService -> e00002c0",
                                      "43 QueryInterface -> e00002bc"));
     EXPECT_THAT(run.sleeps, ElementsAre(100000u, 100000u)) << "about 200 ms before the answer";

@@ -89,9 +89,9 @@ TEST_F(USBLauncherTest, ABatchLogsEachReadableDeviceAndSchedulesOneLaunch) {
     CapturingLogger logger;
     auto module = std::make_unique<QVK_Framework_Port_Module_USBLauncher>();
     Dictionary noProduct{{"idVendor", Value(0x12d1)}};
-    platform::IoIterator batch = usb.Batch({{{"idVendor", Value(0x12d1)}, {"idProduct", Value(0x1001)}},
-                                            noProduct,
-                                            {{"idVendor", Value(0x19d2)}, {"idProduct", Value(0x0031)}}});
+    platform::UsbIterator batch = usb.Batch({{{"idVendor", Value(0x12d1)}, {"idProduct", Value(0x1001)}},
+                                             noProduct,
+                                             {{"idVendor", Value(0x19d2)}, {"idProduct", Value(0x0031)}}});
     PublishCallback(module.get(), batch);
     EXPECT_FALSE(usb.Pending(batch));
     EXPECT_EQ(usb.released.size(), 3u) << "every service is released, the unreadable one too";

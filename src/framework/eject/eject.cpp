@@ -33,19 +33,19 @@ std::optional<std::string_view> MountPointOf(std::string_view line, std::string_
 
 }  // namespace
 
-qvk::platform::IoObject FindCDNode(qvk::platform::IoObject service) {
+qvk::platform::RegistryEntry FindCDNode(qvk::platform::RegistryEntry service) {
     using namespace qvk::platform;
     IoRegistry& registry = Use<IoRegistry>();
-    IoIterator children = 0;
+    RegistryIterator children;
     IoReturn result = registry.RegistryEntryGetChildIterator(service, children);
     if (result != kIOReturnSuccess) {
         QVK_Framework_Log_Internal("FindCDNode", kSource, 173, 5, "Unable to get children: %s",
                                    QVK_Framework_KernelError_Message(result));
-        return 0;
+        return {};
     }
-    IoObject hit = 0;
+    RegistryEntry hit;
     while (!hit) {
-        IoObject child = registry.IteratorNext(children);
+        RegistryEntry child = registry.IteratorNext(children);
         if (!child) break;
         if (registry.ObjectConformsTo(child, kCDMediaClass)) {
             // The child's own reference goes to the caller.
@@ -59,9 +59,9 @@ qvk::platform::IoObject FindCDNode(qvk::platform::IoObject service) {
     return hit;
 }
 
-std::optional<std::string> QVK_Framework_BSDNameForMedia(qvk::platform::IoObject service) {
+std::optional<std::string> QVK_Framework_BSDNameForMedia(qvk::platform::RegistryEntry service) {
     using namespace qvk::platform;
-    IoObject node = FindCDNode(service);
+    RegistryEntry node = FindCDNode(service);
     if (!node) return std::nullopt;
     std::optional<qvk::Value> name = Use<IoRegistry>().RegistryEntryCreateCFProperty(node, kBSDNameKey);
     Use<IoRegistry>().ObjectRelease(node);

@@ -8,11 +8,11 @@
 
 #include "platform/io_registry.h"
 
-// The first CD medium below `service`, depth first (a registry entry the caller releases), or 0.
-qvk::platform::IoObject FindCDNode(qvk::platform::IoObject service);
+// The first CD medium below `service`, depth first (a registry entry the caller releases), or none.
+qvk::platform::RegistryEntry FindCDNode(qvk::platform::RegistryEntry service);
 
 // The BSD name of the first CD medium below `service` ("sr0"); none when there is no such medium.
-std::optional<std::string> QVK_Framework_BSDNameForMedia(qvk::platform::IoObject service);
+std::optional<std::string> QVK_Framework_BSDNameForMedia(qvk::platform::RegistryEntry service);
 
 // Ejects every mounted volume of the disk `name` ("disk2"), in the order of the mount listing,
 // after waiting `delay` microseconds before the first one; true when at least one was ejected.

@@ -39,11 +39,11 @@ std::vector<qvk::Value> QVK_Framework_Port_Module::objectEnumerator() const {
     return values;
 }
 
-void QVK_Framework_Port_Module::QVK_Framework_PortModule_Publish(qvk::platform::IoIterator iterator) {
+void QVK_Framework_Port_Module::QVK_Framework_PortModule_Publish(qvk::platform::UsbIterator iterator) {
     EmptyIterator(iterator);
 }
 
-void QVK_Framework_Port_Module::QVK_Framework_PortModule_Terminate(qvk::platform::IoIterator iterator) {
+void QVK_Framework_Port_Module::QVK_Framework_PortModule_Terminate(qvk::platform::UsbIterator iterator) {
     EmptyIterator(iterator);
     QVK_Framework_Port_Module::Class::QVK_Framework_PortModule_CheckNoPorts();
 }
@@ -64,7 +64,7 @@ bool QVK_Framework_Port_Module::QVK_Framework_PortModule_AddNotification() {
         for (const qvk::Value& dictionary : *dictionaries) {
             std::unique_ptr<qvk::platform::NotificationPort> port = Registry().NotificationPortCreate();
             if (!port || !port->AddSourceToMainRunLoop()) continue;
-            qvk::platform::IoIterator iterator = 0;
+            qvk::platform::UsbIterator iterator;
             if (!port->AddMatchingNotification(qvk::platform::kTerminatedNotification, dictionary, TerminateCallback,
                                                this, iterator))
                 continue;
@@ -90,17 +90,17 @@ bool QVK_Framework_Port_Module::Class::QVK_Framework_PortModule_Start() {
     return true;
 }
 
-qvk::platform::IoObject EmptyIterator(qvk::platform::IoIterator iterator) {
+qvk::platform::UsbService EmptyIterator(qvk::platform::UsbIterator iterator) {
     qvk::platform::Usb& registry = Registry();
-    qvk::platform::IoObject object;
-    while ((object = registry.IteratorNext(iterator)) != 0) registry.ObjectRelease(object);
-    return object;
+    qvk::platform::UsbService service;
+    while ((service = registry.IteratorNext(iterator))) registry.ObjectRelease(service);
+    return service;
 }
 
-void PublishCallback(void* refcon, qvk::platform::IoIterator iterator) {
+void PublishCallback(void* refcon, qvk::platform::UsbIterator iterator) {
     static_cast<QVK_Framework_Port_Module*>(refcon)->QVK_Framework_PortModule_Publish(iterator);
 }
 
-void TerminateCallback(void* refcon, qvk::platform::IoIterator iterator) {
+void TerminateCallback(void* refcon, qvk::platform::UsbIterator iterator) {
     static_cast<QVK_Framework_Port_Module*>(refcon)->QVK_Framework_PortModule_Terminate(iterator);
 }

@@ -27,9 +27,9 @@ public:
     std::vector<qvk::Value> objectEnumerator() const;
 
     // A batch of newly published services; the base drains it.
-    virtual void QVK_Framework_PortModule_Publish(qvk::platform::IoIterator iterator);
+    virtual void QVK_Framework_PortModule_Publish(qvk::platform::UsbIterator iterator);
     // A batch of terminated services; the base drains it and calls the CheckNoPorts hook.
-    virtual void QVK_Framework_PortModule_Terminate(qvk::platform::IoIterator iterator);
+    virtual void QVK_Framework_PortModule_Terminate(qvk::platform::UsbIterator iterator);
     // Arms both notifications for every matching dictionary; always true.
     bool QVK_Framework_PortModule_AddNotification();
     bool QVK_Framework_PortModule_Start();
@@ -64,7 +64,7 @@ extern std::array<QVK_Framework_Port_Module*, kQVK_Framework_ModuleSlots> Module
 
 // Takes every service from the iterator and releases it; answers the last (null) value. Draining is
 // what re-arms a notification.
-qvk::platform::IoObject EmptyIterator(qvk::platform::IoIterator iterator);
+qvk::platform::UsbService EmptyIterator(qvk::platform::UsbIterator iterator);
 // The notification callbacks: the context is the module.
-void PublishCallback(void* refcon, qvk::platform::IoIterator iterator);
-void TerminateCallback(void* refcon, qvk::platform::IoIterator iterator);
+void PublishCallback(void* refcon, qvk::platform::UsbIterator iterator);
+void TerminateCallback(void* refcon, qvk::platform::UsbIterator iterator);

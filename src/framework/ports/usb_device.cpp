@@ -18,7 +18,7 @@ std::uint32_t Code(qvk::platform::IoReturn result) { return static_cast<std::uin
 
 }  // namespace
 
-QVK_Framework_USB_Device QVK_Framework_USB_GetDevice(qvk::platform::IoService service) {
+QVK_Framework_USB_Device QVK_Framework_USB_GetDevice(qvk::platform::UsbService service) {
     using namespace qvk::platform;
     QVK_Framework_Log_Internal(kFunction, kSource, 21, 5, nullptr);
     for (int remaining = kAttempts; remaining > 0; --remaining) {

@@ -3,48 +3,36 @@
 // device of devtype "disk" with ID_CDROM=1; its "BSD Name" is its kernel name ("sr0").
 #include "platform/io_registry.h"
 
-#include <libudev.h>
-
 #include <deque>
 #include <memory>
 #include <mutex>
 #include <string_view>
 #include <unordered_map>
-#include <variant>
 
+#include "platform/linux/udev_ptr.h"
 #include "platform/service.h"
 
 namespace qvk::platform {
 
 namespace {
 
-struct UdevDeleter {
-    void operator()(udev* u) const { udev_unref(u); }
-    void operator()(udev_enumerate* e) const { udev_enumerate_unref(e); }
-    void operator()(udev_device* d) const { udev_device_unref(d); }
-};
-template <class T>
-using UdevPtr = std::unique_ptr<T, UdevDeleter>;
-
 bool Is(const char* text, std::string_view expected) { return text && std::string_view(text) == expected; }
 
 using Entry = std::shared_ptr<udev_device>;
 using Children = std::deque<Entry>;
 
-Entry Share(udev_device* device) { return Entry(device, udev_device_unref); }
-
-// Operations may come from any thread; the handle table is guarded.
+// Operations may come from any thread; the handle tables are guarded.
 class LinuxIoRegistry final : public IoRegistry {
 public:
-    IoObject RegistryEntryFromPath(const std::string& path) override {
+    RegistryEntry RegistryEntryFromPath(const std::string& path) override {
         std::lock_guard<std::mutex> hold(lock_);
-        if (!Context()) return 0;
-        udev_device* device = udev_device_new_from_syspath(context_.get(), path.c_str());
-        if (!device) return 0;
-        return Add(Share(device));
+        if (!Context()) return {};
+        UdevPtr<udev_device> device(udev_device_new_from_syspath(context_.get(), path.c_str()));
+        if (!device) return {};
+        return Add(Entry(std::move(device)));
     }
 
-    IoReturn RegistryEntryGetChildIterator(IoObject entry, IoIterator& iterator) override {
+    IoReturn RegistryEntryGetChildIterator(RegistryEntry entry, RegistryIterator& iterator) override {
         std::lock_guard<std::mutex> hold(lock_);
         Entry parent = Find(entry);
         if (!parent || !Context()) return kIOReturnNoDevice;
@@ -60,24 +48,23 @@ public:
             UdevPtr<udev_device> device(udev_device_new_from_syspath(context_.get(), udev_list_entry_get_name(item)));
             if (!device) continue;
             udev_device* up = udev_device_get_parent(device.get());
-            if (up && Is(udev_device_get_syspath(up), parentPath)) children.push_back(Share(device.release()));
+            if (up && Is(udev_device_get_syspath(up), parentPath)) children.push_back(Entry(std::move(device)));
         }
-        iterator = Add(std::move(children));
+        iterator = RegistryIterator(NewHandle());
+        iterators_.emplace(iterator, std::move(children));
         return kIOReturnSuccess;
     }
 
-    IoObject IteratorNext(IoIterator iterator) override {
+    RegistryEntry IteratorNext(RegistryIterator iterator) override {
         std::lock_guard<std::mutex> hold(lock_);
-        auto it = objects_.find(iterator);
-        if (it == objects_.end()) return 0;
-        auto* children = std::get_if<Children>(&it->second);
-        if (!children || children->empty()) return 0;
-        Entry next = std::move(children->front());
-        children->pop_front();
+        auto it = iterators_.find(iterator);
+        if (it == iterators_.end() || it->second.empty()) return {};
+        Entry next = std::move(it->second.front());
+        it->second.pop_front();
         return Add(std::move(next));
     }
 
-    bool ObjectConformsTo(IoObject entry, const std::string& className) override {
+    bool ObjectConformsTo(RegistryEntry entry, const std::string& className) override {
         std::lock_guard<std::mutex> hold(lock_);
         Entry device = Find(entry);
         if (!device) return false;
@@ -90,7 +77,7 @@ public:
         return false;
     }
 
-    std::optional<Value> RegistryEntryCreateCFProperty(IoObject entry, const std::string& key) override {
+    std::optional<Value> RegistryEntryCreateCFProperty(RegistryEntry entry, const std::string& key) override {
         std::lock_guard<std::mutex> hold(lock_);
         Entry device = Find(entry);
         if (!device) return std::nullopt;
@@ -103,9 +90,14 @@ public:
         return Value(text);
     }
 
-    void ObjectRelease(IoObject object) override {
+    void ObjectRelease(RegistryEntry entry) override {
         std::lock_guard<std::mutex> hold(lock_);
-        objects_.erase(object);
+        entries_.erase(entry);
+    }
+
+    void ObjectRelease(RegistryIterator iterator) override {
+        std::lock_guard<std::mutex> hold(lock_);
+        iterators_.erase(iterator);
     }
 
 private:
@@ -114,25 +106,30 @@ private:
         return context_.get();
     }
 
-    Entry Find(IoObject object) {
-        auto it = objects_.find(object);
-        if (it == objects_.end()) return nullptr;
-        auto* entry = std::get_if<Entry>(&it->second);
-        return entry ? *entry : nullptr;
+    Entry Find(RegistryEntry entry) {
+        auto it = entries_.find(entry);
+        return it == entries_.end() ? nullptr : it->second;
     }
 
-    IoObject Add(std::variant<Entry, Children> object) {
+    // Entries and iterators share one numbering: no number names two objects.
+    std::uint32_t NewHandle() {
         do {
             if (++next_ == 0) ++next_;
-        } while (objects_.count(next_));
-        objects_.emplace(next_, std::move(object));
+        } while (entries_.count(RegistryEntry(next_)) || iterators_.count(RegistryIterator(next_)));
         return next_;
+    }
+
+    RegistryEntry Add(Entry device) {
+        RegistryEntry entry(NewHandle());
+        entries_.emplace(entry, std::move(device));
+        return entry;
     }
 
     std::mutex lock_;
     UdevPtr<udev> context_;
-    IoObject next_ = 0;
-    std::unordered_map<IoObject, std::variant<Entry, Children>> objects_;
+    std::uint32_t next_ = 0;
+    std::unordered_map<RegistryEntry, Entry> entries_;
+    std::unordered_map<RegistryIterator, Children> iterators_;
 };
 
 }  // namespace

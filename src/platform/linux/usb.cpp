@@ -8,7 +8,6 @@
 
 #include <glib-unix.h>
 #include <glib.h>
-#include <libudev.h>
 
 #include <algorithm>
 #include <deque>
@@ -18,20 +17,12 @@
 #include <unordered_map>
 #include <vector>
 
+#include "platform/linux/udev_ptr.h"
 #include "platform/service.h"
 
 namespace qvk::platform {
 
 namespace {
-
-struct UdevDeleter {
-    void operator()(udev* u) const { udev_unref(u); }
-    void operator()(udev_monitor* m) const { udev_monitor_unref(m); }
-    void operator()(udev_enumerate* e) const { udev_enumerate_unref(e); }
-    void operator()(udev_device* d) const { udev_device_unref(d); }
-};
-template <class T>
-using UdevPtr = std::unique_ptr<T, UdevDeleter>;
 
 struct DeviceIds {
     std::uint16_t vendor = 0;
@@ -174,26 +165,24 @@ public:
 
     std::unique_ptr<NotificationPort> NotificationPortCreate() override;
 
-    IoService IteratorNext(IoIterator iterator) override {
+    UsbService IteratorNext(UsbIterator iterator) override {
         auto it = notifications_.find(iterator);
-        if (it == notifications_.end()) return 0;
+        if (it == notifications_.end()) return {};
         Notification& n = it->second;
         if (n.pending.empty()) {
             n.armed = true;
-            return 0;
+            return {};
         }
-        IoService handle = NewHandle();
+        UsbService handle(NewHandle());
         services_.emplace(handle, std::move(n.pending.front()));
         n.pending.pop_front();
         return handle;
     }
 
-    void ObjectRelease(IoObject object) override {
-        if (services_.erase(object)) return;
-        RemoveNotification(object);
-    }
+    void ObjectRelease(UsbService service) override { services_.erase(service); }
+    void ObjectRelease(UsbIterator iterator) override { RemoveNotification(iterator); }
 
-    std::optional<Value> RegistryEntryCreateCFProperty(IoService service, const std::string& key) override {
+    std::optional<Value> RegistryEntryCreateCFProperty(UsbService service, const std::string& key) override {
         auto it = services_.find(service);
         if (it == services_.end()) return std::nullopt;
         const ServiceRecord& record = *it->second;
@@ -206,35 +195,36 @@ public:
         return Value(text);
     }
 
-    std::optional<std::string> RegistryEntryGetPath(IoService service) override {
+    std::optional<std::string> RegistryEntryGetPath(UsbService service) override {
         auto it = services_.find(service);
         if (it == services_.end()) return std::nullopt;
         return it->second->syspath;
     }
 
     bool AddNotification(LinuxNotificationPort* port, const char* type, const Value& matching,
-                         ServiceMatchingCallback callback, void* refcon, IoIterator& iterator);
-    void ReleasePort(const std::vector<IoIterator>& iterators);
+                         ServiceMatchingCallback callback, void* refcon, UsbIterator& iterator);
+    void ReleasePort(const std::vector<UsbIterator>& iterators);
     bool StartWatchingMonitor();
 
 private:
-    IoObject NewHandle() {
+    // Services and iterators share one numbering: no number names two objects.
+    std::uint32_t NewHandle() {
         do {
             if (++nextHandle_ == 0) ++nextHandle_;
-        } while (services_.count(nextHandle_) || notifications_.count(nextHandle_));
+        } while (services_.count(UsbService(nextHandle_)) || notifications_.count(UsbIterator(nextHandle_)));
         return nextHandle_;
     }
 
-    std::vector<IoIterator>* Bucket(const Matching& m) {
+    std::vector<UsbIterator>* Bucket(const Matching& m) {
         if (m.kind == Matching::Kind::Pair) return &byPair_[m.key];
         if (m.kind == Matching::Kind::Every) return &everyDevice_;
         return nullptr;
     }
 
-    void RemoveNotification(IoIterator iterator) {
+    void RemoveNotification(UsbIterator iterator) {
         auto it = notifications_.find(iterator);
         if (it == notifications_.end()) return;
-        if (std::vector<IoIterator>* bucket = Bucket(it->second.matching)) {
+        if (std::vector<UsbIterator>* bucket = Bucket(it->second.matching)) {
             std::erase(*bucket, iterator);
             if (bucket->empty() && it->second.matching.kind == Matching::Kind::Pair)
                 byPair_.erase(it->second.matching.key);
@@ -243,9 +233,9 @@ private:
     }
 
     // Queues the service on every notification of its kind that matches it.
-    void Deliver(const Record& record, bool publish, std::vector<IoIterator>& touched) {
-        auto offer = [&](const std::vector<IoIterator>& bucket) {
-            for (IoIterator handle : bucket) {
+    void Deliver(const Record& record, bool publish, std::vector<UsbIterator>& touched) {
+        auto offer = [&](const std::vector<UsbIterator>& bucket) {
+            for (UsbIterator handle : bucket) {
                 Notification& n = notifications_.at(handle);
                 if (n.publish != publish) continue;
                 n.pending.push_back(record);
@@ -260,14 +250,14 @@ private:
     }
 
     static gboolean OnMonitorReadable(gint fd, GIOCondition condition, gpointer self);
-    void ReadEvents(std::vector<IoIterator>& touched);
-    void Fire(const std::vector<IoIterator>& touched);
+    void ReadEvents(std::vector<UsbIterator>& touched);
+    void Fire(const std::vector<UsbIterator>& touched);
 
-    IoObject nextHandle_ = 0;
-    std::unordered_map<IoObject, Record> services_;
-    std::unordered_map<IoIterator, Notification> notifications_;
-    std::unordered_map<std::uint32_t, std::vector<IoIterator>> byPair_;
-    std::vector<IoIterator> everyDevice_;
+    std::uint32_t nextHandle_ = 0;
+    std::unordered_map<UsbService, Record> services_;
+    std::unordered_map<UsbIterator, Notification> notifications_;
+    std::unordered_map<std::uint32_t, std::vector<UsbIterator>> byPair_;
+    std::vector<UsbIterator> everyDevice_;
     std::unique_ptr<Watch> watch_;
     std::size_t ports_ = 0;
 };
@@ -284,7 +274,7 @@ public:
     }
 
     bool AddMatchingNotification(const char* type, const Value& matching, ServiceMatchingCallback callback,
-                                 void* refcon, IoIterator& iterator) override {
+                                 void* refcon, UsbIterator& iterator) override {
         if (!usb_->AddNotification(this, type, matching, callback, refcon, iterator)) return false;
         iterators_.push_back(iterator);
         return true;
@@ -295,7 +285,7 @@ public:
 private:
     std::shared_ptr<LinuxUsb> usb_;
     bool scheduled_ = false;
-    std::vector<IoIterator> iterators_;
+    std::vector<UsbIterator> iterators_;
 };
 
 std::unique_ptr<NotificationPort> LinuxUsb::NotificationPortCreate() {
@@ -336,7 +326,7 @@ bool LinuxUsb::StartWatchingMonitor() {
 }
 
 bool LinuxUsb::AddNotification(LinuxNotificationPort* port, const char* type, const Value& matching,
-                               ServiceMatchingCallback callback, void* refcon, IoIterator& iterator) {
+                               ServiceMatchingCallback callback, void* refcon, UsbIterator& iterator) {
     if (!type || !callback || !watch_) return false;
     std::string_view kind(type);
     if (kind != kPublishNotification && kind != kTerminatedNotification) return false;
@@ -358,14 +348,14 @@ bool LinuxUsb::AddNotification(LinuxNotificationPort* port, const char* type, co
             for (const auto& [syspath, record] : watch_->present) n.pending.push_back(record);
         }
     }
-    iterator = NewHandle();
+    iterator = UsbIterator(NewHandle());
     notifications_.emplace(iterator, std::move(n));
-    if (std::vector<IoIterator>* bucket = Bucket(*m)) bucket->push_back(iterator);
+    if (std::vector<UsbIterator>* bucket = Bucket(*m)) bucket->push_back(iterator);
     return true;
 }
 
-void LinuxUsb::ReleasePort(const std::vector<IoIterator>& iterators) {
-    for (IoIterator iterator : iterators) RemoveNotification(iterator);
+void LinuxUsb::ReleasePort(const std::vector<UsbIterator>& iterators) {
+    for (UsbIterator iterator : iterators) RemoveNotification(iterator);
     if (--ports_ == 0) watch_.reset();
 }
 
@@ -376,7 +366,7 @@ gboolean LinuxUsb::OnMonitorReadable(gint, GIOCondition condition, gpointer data
         self->watch_->source = 0;
         return G_SOURCE_REMOVE;
     }
-    std::vector<IoIterator> touched;
+    std::vector<UsbIterator> touched;
     self->ReadEvents(touched);
     self->Fire(touched);
     return G_SOURCE_CONTINUE;
@@ -384,7 +374,7 @@ gboolean LinuxUsb::OnMonitorReadable(gint, GIOCondition condition, gpointer data
 
 // Takes every event that is waiting, so that devices that arrive together reach a handler as one
 // batch.
-void LinuxUsb::ReadEvents(std::vector<IoIterator>& touched) {
+void LinuxUsb::ReadEvents(std::vector<UsbIterator>& touched) {
     while (UdevPtr<udev_device> device{udev_monitor_receive_device(watch_->monitor.get())}) {
         const char* action = udev_device_get_action(device.get());
         const char* syspath = udev_device_get_syspath(device.get());
@@ -403,8 +393,8 @@ void LinuxUsb::ReadEvents(std::vector<IoIterator>& touched) {
     }
 }
 
-void LinuxUsb::Fire(const std::vector<IoIterator>& touched) {
-    for (IoIterator handle : touched) {
+void LinuxUsb::Fire(const std::vector<UsbIterator>& touched) {
+    for (UsbIterator handle : touched) {
         // An earlier handler may have ended this notification.
         auto it = notifications_.find(handle);
         if (it == notifications_.end()) continue;

@@ -4,16 +4,16 @@
 #include "platform/usb_device.h"
 
 #include <fcntl.h>
-#include <libudev.h>
 #include <libusb.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <mutex>
 #include <string_view>
 #include <utility>
 
+#include "platform/linux/udev_ptr.h"
 #include "platform/service.h"
+#include "platform/unique_fd.h"
 
 namespace qvk::platform {
 
@@ -45,28 +45,6 @@ IoReturn FromLibusb(int error) {
     }
 }
 
-class Descriptor {
-public:
-    explicit Descriptor(int fd) : fd_(fd) {}
-    ~Descriptor() {
-        if (fd_ >= 0) close(fd_);
-    }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-    int get() const { return fd_; }
-    int release() { return std::exchange(fd_, -1); }
-
-private:
-    int fd_;
-};
-
-struct UdevDeleter {
-    void operator()(udev* u) const { udev_unref(u); }
-    void operator()(udev_device* d) const { udev_device_unref(d); }
-};
-template <class T>
-using UdevPtr = std::unique_ptr<T, UdevDeleter>;
-
 // One libusb context for the process, made on first use; every open device keeps it alive.
 std::shared_ptr<libusb_context> Context(int& error) {
     static std::mutex lock;
@@ -84,8 +62,8 @@ std::shared_ptr<libusb_context> Context(int& error) {
 
 class LibusbDevice final : public UsbDeviceInterface {
 public:
-    LibusbDevice(std::shared_ptr<libusb_context> context, int fd, libusb_device_handle* handle)
-        : context_(std::move(context)), fd_(fd), handle_(handle) {}
+    LibusbDevice(std::shared_ptr<libusb_context> context, UniqueFd fd, libusb_device_handle* handle)
+        : context_(std::move(context)), fd_(std::move(fd)), handle_(handle) {}
     ~LibusbDevice() override { libusb_close(handle_); }
 
     IoReturn GetDeviceVendor(std::uint16_t& vendor) override {
@@ -105,13 +83,13 @@ private:
     // Declared in this order so that the handle is closed before its descriptor, and the context
     // ends after both.
     std::shared_ptr<libusb_context> context_;
-    Descriptor fd_;
+    UniqueFd fd_;
     libusb_device_handle* handle_;
 };
 
 class DeviceNodePlugIn final : public UsbPlugInInterface {
 public:
-    explicit DeviceNodePlugIn(int fd) : fd_(fd) {}
+    explicit DeviceNodePlugIn(UniqueFd fd) : fd_(std::move(fd)) {}
 
     // The device takes the plug-in's open node over: libusb does not close a wrapped descriptor,
     // and the plug-in is released before the device. Asked again, the plug-in has nothing open.
@@ -123,17 +101,17 @@ public:
         libusb_device_handle* handle = nullptr;
         error = libusb_wrap_sys_device(context.get(), static_cast<intptr_t>(fd_.get()), &handle);
         if (error != LIBUSB_SUCCESS) return FromLibusb(error);
-        device = std::make_unique<LibusbDevice>(std::move(context), fd_.release(), handle);
+        device = std::make_unique<LibusbDevice>(std::move(context), std::move(fd_), handle);
         return kIOReturnSuccess;
     }
 
 private:
-    Descriptor fd_;
+    UniqueFd fd_;
 };
 
 class LinuxUsbDeviceAccess final : public UsbDeviceAccess {
 public:
-    IoReturn CreatePlugInInterfaceForService(IoService service, std::unique_ptr<UsbPlugInInterface>& plugIn) override {
+    IoReturn CreatePlugInInterfaceForService(UsbService service, std::unique_ptr<UsbPlugInInterface>& plugIn) override {
         std::optional<std::string> syspath = Use<Usb>().RegistryEntryGetPath(service);
         if (!syspath) return kIOReturnNoDevice;
         UdevPtr<udev> context(udev_new());
@@ -146,9 +124,9 @@ public:
         if (!subsystem || std::string_view(subsystem) != "usb" || !devtype ||
             std::string_view(devtype) != "usb_device" || !node)
             return kIOReturnUnsupported;
-        int fd = open(node, O_RDWR | O_CLOEXEC);
-        if (fd < 0) return FromErrno(errno);
-        plugIn = std::make_unique<DeviceNodePlugIn>(fd);
+        UniqueFd fd(open(node, O_RDWR | O_CLOEXEC));
+        if (fd.get() < 0) return FromErrno(errno);
+        plugIn = std::make_unique<DeviceNodePlugIn>(std::move(fd));
         return kIOReturnSuccess;
     }
 };

@@ -58,38 +58,38 @@ TEST(CDMedia, TheCDMediumBelowAModemIsFoundDepthFirst) {
     std::string plain = tree.Usb("1-2", "1002");
     tree.Add("usb", "1-2:1.0", plain, {}, {"DEVTYPE", "usb_interface"});
 
-    platform::IoObject entry = Registry().RegistryEntryFromPath(modem);
-    ASSERT_NE(entry, 0u);
+    platform::RegistryEntry entry = Registry().RegistryEntryFromPath(modem);
+    ASSERT_TRUE(entry);
     EXPECT_EQ(QVK_Framework_BSDNameForMedia(entry), "sr1");
-    platform::IoObject node = FindCDNode(entry);
-    ASSERT_NE(node, 0u);
+    platform::RegistryEntry node = FindCDNode(entry);
+    ASSERT_TRUE(node);
     EXPECT_TRUE(Registry().ObjectConformsTo(node, platform::kCDMediaClass));
     Registry().ObjectRelease(node);
     Registry().ObjectRelease(entry);
 
-    platform::IoObject nearer = Registry().RegistryEntryFromPath(later);
+    platform::RegistryEntry nearer = Registry().RegistryEntryFromPath(later);
     EXPECT_EQ(QVK_Framework_BSDNameForMedia(nearer), "sr0");
     Registry().ObjectRelease(nearer);
 
-    platform::IoObject other = Registry().RegistryEntryFromPath(plain);
+    platform::RegistryEntry other = Registry().RegistryEntryFromPath(plain);
     EXPECT_EQ(QVK_Framework_BSDNameForMedia(other), std::nullopt) << "a device without a CD medium";
     Registry().ObjectRelease(other);
-    EXPECT_EQ(Registry().RegistryEntryFromPath("/sys/devices/none"), 0u);
+    EXPECT_FALSE(Registry().RegistryEntryFromPath("/sys/devices/none"));
 
     // The modem as the USB registry hands it to a port module leads to the same entry.
     auto port = platform::Use<platform::Usb>().NotificationPortCreate();
     ASSERT_TRUE(port);
-    platform::IoIterator iterator = 0;
+    platform::UsbIterator iterator;
     Value matching(Dictionary{{platform::kProviderClassKey, Value(platform::kUsbDeviceClass)},
                               {platform::kUsbVendorKey, Value(0x12d1)},
                               {platform::kUsbProductKey, Value(0x1001)}});
     ASSERT_TRUE(port->AddMatchingNotification(
-        platform::kPublishNotification, matching, [](void*, platform::IoIterator) {}, nullptr, iterator));
-    platform::IoService service = platform::Use<platform::Usb>().IteratorNext(iterator);
-    ASSERT_NE(service, 0u);
+        platform::kPublishNotification, matching, [](void*, platform::UsbIterator) {}, nullptr, iterator));
+    platform::UsbService service = platform::Use<platform::Usb>().IteratorNext(iterator);
+    ASSERT_TRUE(service);
     auto path = platform::Use<platform::Usb>().RegistryEntryGetPath(service);
     ASSERT_TRUE(path);
-    platform::IoObject fromService = Registry().RegistryEntryFromPath(*path);
+    platform::RegistryEntry fromService = Registry().RegistryEntryFromPath(*path);
     EXPECT_EQ(QVK_Framework_BSDNameForMedia(fromService), "sr1");
     Registry().ObjectRelease(fromService);
     platform::Use<platform::Usb>().ObjectRelease(service);
@@ -98,11 +98,11 @@ TEST(CDMedia, TheCDMediumBelowAModemIsFoundDepthFirst) {
 TEST(CDMedia, AnEntryThatIsGoneHasNoChildren) {
     Tree tree;
     std::string modem = tree.Usb("1-3", "1003");
-    platform::IoObject entry = Registry().RegistryEntryFromPath(modem);
-    ASSERT_NE(entry, 0u);
+    platform::RegistryEntry entry = Registry().RegistryEntryFromPath(modem);
+    ASSERT_TRUE(entry);
     Registry().ObjectRelease(entry);
     CapturingLogger logger;
-    EXPECT_EQ(FindCDNode(entry), 0u);
+    EXPECT_FALSE(FindCDNode(entry));
     EXPECT_EQ(logger.MessagesOf("FindCDNode"), std::vector<std::string>{"Unable to get children: kIOReturnNoDevice"});
 }
 

@@ -102,7 +102,7 @@ public:
 // The registry's service for the device 12d1:<product>, as a port module's iterator hands it over.
 struct Service {
     std::unique_ptr<platform::NotificationPort> port;
-    platform::IoService service = 0;
+    platform::UsbService service;
 };
 
 Service Find(int product) {
@@ -114,12 +114,12 @@ Service Find(int product) {
     Value matching(Dictionary{{platform::kProviderClassKey, Value(platform::kUsbDeviceClass)},
                               {platform::kUsbVendorKey, Value(0x12d1)},
                               {platform::kUsbProductKey, Value(product)}});
-    platform::IoIterator iterator = 0;
+    platform::UsbIterator iterator;
     EXPECT_TRUE(s.port->AddMatchingNotification(
-        platform::kPublishNotification, matching, [](void*, platform::IoIterator) {}, nullptr, iterator));
+        platform::kPublishNotification, matching, [](void*, platform::UsbIterator) {}, nullptr, iterator));
     s.service = usb.IteratorNext(iterator);
-    EXPECT_NE(s.service, 0u);
-    while (platform::IoService more = usb.IteratorNext(iterator)) usb.ObjectRelease(more);
+    EXPECT_TRUE(s.service);
+    while (platform::UsbService more = usb.IteratorNext(iterator)) usb.ObjectRelease(more);
     return s;
 }
 
@@ -129,7 +129,7 @@ struct Attempts {
     std::vector<std::uint32_t> sleeps;
 };
 
-Attempts Open(platform::IoService service) {
+Attempts Open(platform::UsbService service) {
     RecordingSleeper sleeper;
     platform::Replace<platform::Sleeper> useSleeper(sleeper);
     CapturingLogger logger;

@@ -25,13 +25,13 @@ struct Recorder {
     bool drain = true;
     std::vector<std::string> batches;
 
-    static void Callback(void* refcon, platform::IoIterator iterator) {
+    static void Callback(void* refcon, platform::UsbIterator iterator) {
         auto* self = static_cast<Recorder*>(refcon);
         self->batches.push_back(self->drain ? Drain(iterator) : "(not drained)");
     }
-    static std::string Drain(platform::IoIterator iterator) {
+    static std::string Drain(platform::UsbIterator iterator) {
         std::string batch;
-        while (platform::IoService s = Registry().IteratorNext(iterator)) {
+        while (platform::UsbService s = Registry().IteratorNext(iterator)) {
             auto v = Registry().RegistryEntryCreateCFProperty(s, platform::kUsbVendorKey);
             auto p = Registry().RegistryEntryCreateCFProperty(s, platform::kUsbProductKey);
             std::int64_t vendor = -1, product = -1;
@@ -65,7 +65,7 @@ TEST(UsbRegistry, PresentDevicesComeWithTheIteratorAndLaterOnesThroughTheRunLoop
     ASSERT_TRUE(port);
     ASSERT_TRUE(port->AddSourceToMainRunLoop());
     Recorder published, terminated;
-    platform::IoIterator it = 0;
+    platform::UsbIterator it;
     ASSERT_TRUE(port->AddMatchingNotification(platform::kPublishNotification, UsbMatching(0x12d1, 0x1001),
                                               Recorder::Callback, &published, it));
     EXPECT_EQ(Recorder::Drain(it), "12d1/1001") << "only the matching device that is present";
@@ -92,7 +92,7 @@ TEST(UsbRegistry, AHandlerThatDoesNotDrainIsNotCalledAgainUntilItDrains) {
     ASSERT_TRUE(port && port->AddSourceToMainRunLoop());
     Recorder lazy, witness;
     lazy.drain = false;
-    platform::IoIterator lazyIt = 0, witnessIt = 0;
+    platform::UsbIterator lazyIt, witnessIt;
     ASSERT_TRUE(port->AddMatchingNotification(platform::kPublishNotification, UsbMatching(1, 1), Recorder::Callback,
                                               &lazy, lazyIt));
     ASSERT_TRUE(port->AddMatchingNotification(platform::kPublishNotification, UsbMatching(2, 2), Recorder::Callback,
@@ -123,7 +123,7 @@ TEST(UsbRegistry, ManyPairsShareOneMonitorAndOnlyTheMatchingOneHears) {
     for (int i = 0; i < 2000; ++i) {
         ports.push_back(Registry().NotificationPortCreate());
         ASSERT_TRUE(ports.back() && ports.back()->AddSourceToMainRunLoop());
-        platform::IoIterator it = 0;
+        platform::UsbIterator it;
         ASSERT_TRUE(ports.back()->AddMatchingNotification(platform::kPublishNotification, UsbMatching(0x7000, i),
                                                           Recorder::Callback, &recorders[i], it));
         Recorder::Drain(it);
@@ -153,7 +153,7 @@ TEST(UsbRegistry, OnlyUsbDeviceDictionariesOfAPairOrOfEveryDeviceAreAccepted) {
     auto port = Registry().NotificationPortCreate();
     ASSERT_TRUE(port && port->AddSourceToMainRunLoop());
     Recorder r;
-    platform::IoIterator it = 0;
+    platform::UsbIterator it;
     auto arm = [&](const char* type, Value matching) {
         return port->AddMatchingNotification(type, matching, Recorder::Callback, &r, it);
     };
