@@ -20,7 +20,7 @@ std::shared_ptr<MyAutoCleanup> AutoCleanup;
 namespace {
 
 // "/usr/bin/open -a <launcher>" for the user, with the whole (allowed) environment.
-qvk::platform::ChildSpec OpenLauncher(const std::string& launcher) {
+qvk::platform::ChildProgram OpenLauncher(const std::string& launcher) {
     return {"/usr/bin/open", {"/usr/bin/open", "-a", launcher}, qvk::platform::ChildEnvironment(), MyUser, false};
 }
 
@@ -44,7 +44,7 @@ void MyAutoCleanup::QVK_Framework_FileMonitor_Triggered(const qvk::Data* event) 
     setenv("QUORVIKCRAP_INSTALLATIONMOVED", "yes", 1);
     // The launcher at its new place replaces this one; should that fail, a child tries once more.
     auto& processes = qvk::platform::Use<qvk::platform::Processes>();
-    qvk::platform::ChildSpec open = OpenLauncher(*AutostartBundleOverride);
+    qvk::platform::ChildProgram open = OpenLauncher(*AutostartBundleOverride);
     processes.Replace(open);
     processes.Start(open);
     std::exit(0);

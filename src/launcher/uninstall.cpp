@@ -74,7 +74,7 @@ bool RemovePackageDrivers(const std::string& bundlePath) {
 
 // Runs "/bin/rm -rf <path>" in a child with an empty environment and waits for it.
 void RemoveReceipt(const char* function, const std::string& path) {
-    qvk::platform::ChildSpec remove{"/bin/rm", {"/bin/rm", "-rf", path}, {}, std::nullopt, false};
+    qvk::platform::ChildProgram remove{"/bin/rm", {"/bin/rm", "-rf", path}, {}, std::nullopt, false};
     QVK_Framework_Log_Internal(function, kSource, __LINE__, 5, "%s, %s, %s", remove.arguments[0].c_str(),
                                remove.arguments[1].c_str(), remove.arguments[2].c_str());
     auto& processes = qvk::platform::Use<qvk::platform::Processes>();

@@ -13,7 +13,7 @@
 
 namespace qvk::platform {
 
-struct ChildSpec {
+struct ChildProgram {
     // An absolute path, or a bare name looked up in the PATH of `environment` as /bin/sh does.
     std::string program;
     // The argument vector, its first entry included.
@@ -32,17 +32,17 @@ public:
     // Runs the program and waits for it: the raw wait status; -1 with errno set when it could not
     // be started (errno is then the reason the program could not be executed, ENOENT when none of
     // the places of a bare name holds it).
-    virtual int Run(const ChildSpec& spec) = 0;
+    virtual int Run(const ChildProgram& child) = 0;
     // As Run, with the program's standard output collected into `output`.
-    virtual int RunForOutput(const ChildSpec& spec, std::string& output) = 0;
+    virtual int RunForOutput(const ChildProgram& child, std::string& output) = 0;
     // Starts the program without waiting: its process id; -1 with errno set on failure. Whether the
     // program itself could be executed is not known to the caller.
-    virtual pid_t Start(const ChildSpec& spec) = 0;
+    virtual pid_t Start(const ChildProgram& child) = 0;
     // Waits for a started child: its raw wait status; -1 with errno set on failure.
     virtual int Wait(pid_t pid) = 0;
     // Replaces this process by the program; returns -1 with errno set only when that failed, and
-    // the process may then already have taken the spec's identity.
-    virtual int Replace(const ChildSpec& spec) = 0;
+    // the process may then already have taken the child's identity.
+    virtual int Replace(const ChildProgram& child) = 0;
 };
 
 }  // namespace qvk::platform

@@ -19,9 +19,9 @@ using ::testing::Not;
 
 constexpr std::uint32_t kNobody = 65534;
 
-std::string OutputOf(const platform::ChildSpec& spec, int& status) {
+std::string OutputOf(const platform::ChildProgram& child, int& status) {
     std::string output;
-    status = platform::Use<platform::Processes>().RunForOutput(spec, output);
+    status = platform::Use<platform::Processes>().RunForOutput(child, output);
     return output;
 }
 
@@ -38,13 +38,13 @@ TEST(Processes, AChildHasTheUsersIdentityOnlyTheStandardDescriptorsAndDefaultSig
         sigprocmask(SIG_BLOCK, &blocked, nullptr);
 
         auto run = [](std::vector<std::string> arguments) {
-            platform::ChildSpec spec{arguments.front(),
-                                     arguments,
-                                     {"PATH=/usr/bin:/bin", "HOME=/root", "USER=root", "KEPT=yes"},
-                                     kNobody,
-                                     false};
+            platform::ChildProgram child{arguments.front(),
+                                         arguments,
+                                         {"PATH=/usr/bin:/bin", "HOME=/root", "USER=root", "KEPT=yes"},
+                                         kNobody,
+                                         false};
             int status = -1;
-            std::string output = OutputOf(spec, status);
+            std::string output = OutputOf(child, status);
             EXPECT_EQ(status, 0) << arguments.back();
             return output;
         };
@@ -65,13 +65,13 @@ TEST(Processes, ABareNameIsSearchedAsTheShellSearchesIt) {
     WriteFile(locked + "/qvk-tool", "echo wrong\n");
     WriteFile(open + "/qvk-tool", "echo \"script $1\"\n");
     ASSERT_EQ(chmod((open + "/qvk-tool").c_str(), 0755), 0);
-    platform::ChildSpec spec{"qvk-tool", {"qvk-tool", "one"}, {"PATH=" + locked + ":" + open}, std::nullopt, false};
+    platform::ChildProgram child{"qvk-tool", {"qvk-tool", "one"}, {"PATH=" + locked + ":" + open}, std::nullopt, false};
     int status = -1;
-    EXPECT_EQ(OutputOf(spec, status), "script one\n");
+    EXPECT_EQ(OutputOf(child, status), "script one\n");
     EXPECT_EQ(status, 0);
 
-    spec.environment = {"PATH=" + locked};
-    EXPECT_EQ(OutputOf(spec, status), "");
+    child.environment = {"PATH=" + locked};
+    EXPECT_EQ(OutputOf(child, status), "");
     EXPECT_EQ(status, -1);
     EXPECT_EQ(errno, EACCES);
 

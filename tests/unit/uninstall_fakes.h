@@ -100,21 +100,21 @@ private:
 class JournalProcesses : public platform::Processes {
 public:
     explicit JournalProcesses(Journal& journal) : journal_(journal) {}
-    int Run(const platform::ChildSpec& spec) override {
-        Record("run", spec);
-        return Real().Run(spec);
+    int Run(const platform::ChildProgram& child) override {
+        Record("run", child);
+        return Real().Run(child);
     }
-    int RunForOutput(const platform::ChildSpec& spec, std::string& output) override {
-        Record("run", spec);
-        return Real().RunForOutput(spec, output);
+    int RunForOutput(const platform::ChildProgram& child, std::string& output) override {
+        Record("run", child);
+        return Real().RunForOutput(child, output);
     }
-    pid_t Start(const platform::ChildSpec& spec) override {
-        Record("start", spec);
-        return Real().Start(spec);
+    pid_t Start(const platform::ChildProgram& child) override {
+        Record("start", child);
+        return Real().Start(child);
     }
     int Wait(pid_t pid) override { return Real().Wait(pid); }
-    int Replace(const platform::ChildSpec& spec) override {
-        Record("replace", spec);
+    int Replace(const platform::ChildProgram& child) override {
+        Record("replace", child);
         errno = ENOENT;
         return -1;
     }
@@ -122,11 +122,11 @@ public:
 private:
     static platform::Processes& Real() { return platform::DefaultService<platform::Processes>(); }
 
-    void Record(const char* how, const platform::ChildSpec& spec) {
-        std::string line = std::string(how) + " " + spec.program;
-        for (const std::string& argument : spec.arguments) line += " " + argument;
-        line += Format(" | %u ", static_cast<unsigned>(spec.environment.size()));
-        line += spec.user ? Format("as %u", *spec.user) : std::string("as self");
+    void Record(const char* how, const platform::ChildProgram& child) {
+        std::string line = std::string(how) + " " + child.program;
+        for (const std::string& argument : child.arguments) line += " " + argument;
+        line += Format(" | %u ", static_cast<unsigned>(child.environment.size()));
+        line += child.user ? Format("as %u", *child.user) : std::string("as self");
         journal_.push_back(line);
     }
 

@@ -102,7 +102,7 @@ public:
         if (user_ != 0 && geteuid() != 0 && geteuid() != user_)
             return {AlertReturn::Default, false, Format("cannot show a panel as user %u", user_)};
 
-        ChildSpec panel;
+        ChildProgram panel;
         panel.environment = ChildEnvironment();
         panel.user = user_;
         int alternateStatus = 0;

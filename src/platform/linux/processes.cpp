@@ -29,16 +29,16 @@ namespace {
 constexpr const char* kShell = "/bin/sh";
 constexpr const char* kDefaultPath = "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin";
 
-// A spec turned into what the child needs, with every allocation made in the parent.
+// A child program turned into what its process needs, with every allocation made in the parent.
 class Plan {
 public:
-    // False with errno set when the spec cannot be carried out (no account for its user).
-    bool Prepare(const ChildSpec& spec) {
-        arguments_ = spec.arguments;
-        environment_ = spec.environment;
-        shellIdentity_ = spec.shellIdentity;
-        if (spec.user && *spec.user != 0 && geteuid() == 0) {
-            account_ = LookUpAccount(*spec.user);
+    // False with errno set when it cannot be carried out (no account for its user).
+    bool Prepare(const ChildProgram& child) {
+        arguments_ = child.arguments;
+        environment_ = child.environment;
+        shellIdentity_ = child.shellIdentity;
+        if (child.user && *child.user != 0 && geteuid() == 0) {
+            account_ = LookUpAccount(*child.user);
             if (!account_) {
                 errno = ESRCH;
                 return false;
@@ -48,15 +48,15 @@ public:
             SetVariable("LOGNAME", account_->name);
         }
         candidates_.clear();
-        if (spec.program.find('/') != std::string::npos) {
-            candidates_.push_back(spec.program);
+        if (child.program.find('/') != std::string::npos) {
+            candidates_.push_back(child.program);
         } else {
             std::string_view path = FindVariable(environment_, "PATH").value_or(kDefaultPath);
             for (;;) {
                 std::size_t colon = path.find(':');
                 std::string_view folder = path.substr(0, colon);
                 // An empty entry is the current folder, as for the shell.
-                candidates_.push_back(folder.empty() ? spec.program : std::string(folder) + "/" + spec.program);
+                candidates_.push_back(folder.empty() ? child.program : std::string(folder) + "/" + child.program);
                 if (colon == std::string_view::npos) break;
                 path.remove_prefix(colon + 1);
             }
@@ -222,26 +222,26 @@ int RunPlan(Plan& plan, std::string* collect) {
 
 class LinuxProcesses final : public Processes {
 public:
-    int Run(const ChildSpec& spec) override {
+    int Run(const ChildProgram& child) override {
         Plan plan;
-        return plan.Prepare(spec) ? RunPlan(plan, nullptr) : -1;
+        return plan.Prepare(child) ? RunPlan(plan, nullptr) : -1;
     }
 
-    int RunForOutput(const ChildSpec& spec, std::string& output) override {
+    int RunForOutput(const ChildProgram& child, std::string& output) override {
         Plan plan;
-        return plan.Prepare(spec) ? RunPlan(plan, &output) : -1;
+        return plan.Prepare(child) ? RunPlan(plan, &output) : -1;
     }
 
-    pid_t Start(const ChildSpec& spec) override {
+    pid_t Start(const ChildProgram& child) override {
         Plan plan;
-        return plan.Prepare(spec) ? Fork(plan, -1, -1) : -1;
+        return plan.Prepare(child) ? Fork(plan, -1, -1) : -1;
     }
 
     int Wait(pid_t pid) override { return WaitFor(pid); }
 
-    int Replace(const ChildSpec& spec) override {
+    int Replace(const ChildProgram& child) override {
         Plan plan;
-        if (!plan.Prepare(spec)) return -1;
+        if (!plan.Prepare(child)) return -1;
         errno = plan.Execute();
         return -1;
     }

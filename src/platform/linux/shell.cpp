@@ -16,18 +16,18 @@ namespace qvk::platform {
 
 namespace {
 
-ChildSpec CommandSpec(const std::string& command) {
-    ChildSpec spec;
+ChildProgram CommandProgram(const std::string& command) {
+    ChildProgram child;
     if (std::optional<std::vector<std::string>> words = SimpleCommandWords(command)) {
-        spec.program = words->front();
-        spec.arguments = std::move(*words);
+        child.program = words->front();
+        child.arguments = std::move(*words);
     } else {
-        spec.program = "/bin/sh";
-        spec.arguments = {"sh", "-c", command};
+        child.program = "/bin/sh";
+        child.arguments = {"sh", "-c", command};
     }
-    spec.environment = ChildEnvironment();
-    spec.shellIdentity = true;
-    return spec;
+    child.environment = ChildEnvironment();
+    child.shellIdentity = true;
+    return child;
 }
 
 // The wait status the shell would have ended with; -1 when no process could be made.
@@ -45,17 +45,19 @@ int ShellStatus(int result) {
 
 class LinuxShell final : public Shell {
 public:
-    int System(const std::string& command) override { return ShellStatus(Use<Processes>().Run(CommandSpec(command))); }
+    int System(const std::string& command) override {
+        return ShellStatus(Use<Processes>().Run(CommandProgram(command)));
+    }
 
     int SystemAsUser(const std::string& command, std::uint32_t user) override {
-        ChildSpec spec = CommandSpec(command);
-        spec.user = user;
-        return ShellStatus(Use<Processes>().Run(spec));
+        ChildProgram child = CommandProgram(command);
+        child.user = user;
+        return ShellStatus(Use<Processes>().Run(child));
     }
 
     std::optional<std::string> Output(const std::string& command, int& status) override {
         std::string output;
-        status = ShellStatus(Use<Processes>().RunForOutput(CommandSpec(command), output));
+        status = ShellStatus(Use<Processes>().RunForOutput(CommandProgram(command), output));
         if (status == -1) return std::nullopt;
         return output;
     }
