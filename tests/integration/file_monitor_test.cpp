@@ -165,7 +165,7 @@ TEST(FileMonitor, AMissingPathFailsCreationWithItsLogLineAndLeavesNothingOpen) {
     RunInChild([&] {
         pthread_attr_t huge;
         pthread_attr_init(&huge);
-        ASSERT_EQ(pthread_attr_setstacksize(&huge, std::size_t{1} << 46), 0);
+        ASSERT_EQ(pthread_attr_setstacksize(&huge, std::size_t{1} << 48), 0);
         ASSERT_EQ(pthread_setattr_default_np(&huge), 0);
         int before = OpenDescriptors();
         auto unstarted = std::make_shared<RecordingMonitor>();
