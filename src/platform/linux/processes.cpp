@@ -63,7 +63,7 @@ public:
         }
         argv_ = Pointers(arguments_);
         scriptArgv_ = {const_cast<char*>(kShell), nullptr};
-        scriptArgv_.insert(scriptArgv_.end(), argv_.begin() + (argv_.size() > 1 ? 1 : argv_.size() - 1), argv_.end());
+        scriptArgv_.insert(scriptArgv_.end(), argv_.begin() + (arguments_.empty() ? 0 : 1), argv_.end());
         envp_ = Pointers(environment_);
         paths_.clear();
         for (const std::string& candidate : candidates_) paths_.push_back(candidate.c_str());
