@@ -65,4 +65,9 @@ std::optional<std::string_view> FindVariable(const std::vector<std::string>& env
     return std::nullopt;
 }
 
+void SetVariable(std::vector<std::string>& environment, std::string_view name, const std::string& value) {
+    std::erase_if(environment, [&](const std::string& entry) { return HasName(entry, name); });
+    environment.push_back(std::string(name) + "=" + value);
+}
+
 }  // namespace qvk::platform

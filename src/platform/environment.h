@@ -22,4 +22,7 @@ std::vector<std::string> ChildEnvironment();
 // The value of `name` in `environment`, as getenv would find it there.
 std::optional<std::string_view> FindVariable(const std::vector<std::string>& environment, std::string_view name);
 
+// Gives `name` the value `value` in `environment`, in place of every entry it had.
+void SetVariable(std::vector<std::string>& environment, std::string_view name, const std::string& value);
+
 }  // namespace qvk::platform

@@ -12,8 +12,6 @@
 
 namespace qvk::platform {
 
-namespace {
-
 bool WriteAll(int fd, const std::string& bytes) {
     std::size_t done = 0;
     while (done < bytes.size()) {
@@ -24,8 +22,6 @@ bool WriteAll(int fd, const std::string& bytes) {
     }
     return true;
 }
-
-}  // namespace
 
 bool WriteFileAtomically(int folder, const std::string& name, const std::string& bytes, mode_t mode,
                          const std::optional<FileOwner>& owner) {

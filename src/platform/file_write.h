@@ -13,6 +13,9 @@ struct FileOwner {
     gid_t group;
 };
 
+// Writes all of `bytes` to `fd`, going on after interruptions; false with errno set when it could not.
+bool WriteAll(int fd, const std::string& bytes);
+
 // Writes `bytes` as the file `name` inside the folder open as `folder`: a new file beside it, then
 // renamed over the name. The file gets `mode` and, when given, `owner`. Whatever is at the name, a
 // symbolic link included, is replaced, never followed. False with errno set when it failed; the

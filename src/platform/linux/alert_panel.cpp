@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "platform/environment.h"
+#include "platform/file_write.h"
 #include "platform/format.h"
 #include "platform/processes.h"
 #include "platform/service.h"
@@ -60,16 +61,6 @@ std::string AsciiLower(std::string_view text) {
     for (char& c : out)
         if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
     return out;
-}
-
-bool WriteAll(int fd, const std::string& text) {
-    for (std::size_t done = 0; done < text.size();) {
-        ssize_t n = write(fd, text.data() + done, text.size() - done);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return false;
-        done += static_cast<std::size_t>(n);
-    }
-    return true;
 }
 
 // One line from the terminal; a line longer than `limit` is no answer.

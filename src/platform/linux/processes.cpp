@@ -43,9 +43,9 @@ public:
                 errno = ESRCH;
                 return false;
             }
-            SetVariable("HOME", account_->home);
-            SetVariable("USER", account_->name);
-            SetVariable("LOGNAME", account_->name);
+            SetVariable(environment_, "HOME", account_->home);
+            SetVariable(environment_, "USER", account_->name);
+            SetVariable(environment_, "LOGNAME", account_->name);
         }
         candidates_.clear();
         if (child.program.find('/') != std::string::npos) {
@@ -114,13 +114,6 @@ private:
         for (std::string& text : texts) pointers.push_back(text.data());
         pointers.push_back(nullptr);
         return pointers;
-    }
-
-    void SetVariable(std::string_view name, const std::string& value) {
-        std::erase_if(environment_, [&](const std::string& entry) {
-            return entry.starts_with(name) && entry.size() > name.size() && entry[name.size()] == '=';
-        });
-        environment_.push_back(std::string(name) + "=" + value);
     }
 
     std::vector<std::string> arguments_;
