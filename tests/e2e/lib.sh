@@ -9,7 +9,7 @@
 # dies with it.
 #
 # Inside every root:
-#   $APP                 /Applications/Quorvik Mobile Partner.app, with the built Launcher.app in it
+#   $APP                 /Applications/Quorvik Connect.app, with the built Launcher.app in it
 #   $EXE                 the Launcher executable inside it (root-owned, mode 04755 as installed)
 #   $USER_HOME           /Users/maria, home of the user maria (uid $USER_ID) added to /etc/passwd;
 #                        she administers the machine (a member of group sudo) unless the scenario
@@ -79,7 +79,7 @@ mount -t tmpfs -o mode=0755 qvk-e2e "$QVK_E2E_BASE" || e2e_die "cannot mount a t
 
 # --- Names every scenario may use ----------------------------------------------------------------
 
-APP="/Applications/Quorvik Mobile Partner.app"
+APP="/Applications/Quorvik Connect.app"
 LAUNCHER_APP="$APP/Launcher.app"
 EXE="$LAUNCHER_APP/Contents/MacOS/Launcher"
 USER_NAME=maria
@@ -273,8 +273,8 @@ e2e_make_world() {
 
     # The installed package with the built Launcher inside.
     folder "$APP/Contents/Resources"
-    e2e_plist_string_dict CFBundleDisplayName "Quorvik Mobile Partner" CFBundleName Quorvik \
-        CFBundleIdentifier com.quorvik.MobilePartner CFBundleVersion "3.2 201104.120000" | put "$APP/Contents/Info.plist"
+    e2e_plist_string_dict CFBundleDisplayName "Quorvik Connect" CFBundleName Quorvik \
+        CFBundleIdentifier com.quorvik.Connect CFBundleVersion "3.2 201104.120000" | put "$APP/Contents/Info.plist"
     cp -R "$E2E_BUILT_BUNDLE" "$ROOT$LAUNCHER_APP" || e2e_die "cannot copy the built Launcher.app"
     in_root /bin/sh -c 'chown -R 0:0 "$1" && chmod 04755 "$2"' sh "$LAUNCHER_APP" "$EXE" ||
         e2e_die "cannot install the Launcher set-user-id root"

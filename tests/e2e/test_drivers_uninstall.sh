@@ -10,7 +10,7 @@ CACHES=(
     /System/Library/Extensions.mkext
     /System/Library/Extensions.kextcache
 )
-DRIVERS_UNINSTALLER="/Applications/Quorvik Mobile Partner DriversUninstaller.app"
+DRIVERS_UNINSTALLER="/Applications/Quorvik Connect DriversUninstaller.app"
 
 # An installed driver folder, with a "Quorvik Source" mark when MARK is given. Usage: driver NAME [MARK]
 driver() {

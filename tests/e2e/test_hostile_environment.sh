@@ -23,7 +23,7 @@ launch --env "BASH_FUNC_ps%%=() { /usr/bin/touch /owned-by-ps; }" \
     --env "BASH_FUNC_killall%%=() { /usr/bin/touch /owned-by-killall; }" \
     --env DISPLAY=:5 "${HOSTILE_ENV[@]}" -- --qvk-uninstall
 expect_status 0
-expect_call /usr/bin/defaults delete com.quorvik.MobilePartner
+expect_call /usr/bin/defaults delete com.quorvik.Connect
 expect_no_files "/owned-by-*"
 expect_no_steering
 

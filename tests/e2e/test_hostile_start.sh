@@ -4,8 +4,8 @@
 # administrator or the application folder's owner may remove the package.
 source "$(dirname "$0")/lib.sh"
 
-QUESTION=(/usr/bin/zenity --question --no-markup --default-cancel "--title=Quorvik Mobile Partner"
-    "--text=Do you really want to deinstall Quorvik Mobile Partner?" --ok-label=Yes --cancel-label=No)
+QUESTION=(/usr/bin/zenity --question --no-markup --default-cancel "--title=Quorvik Connect"
+    "--text=Do you really want to deinstall Quorvik Connect?" --ok-label=Yes --cancel-label=No)
 REFUSAL="(Errors): QVK_Framework_MayRemovePackage: Not removing the package for uid $USER_ID"
 
 # The log has a line with TEXT, or none (--none). Usage: expect_logged [--none] TEXT
@@ -83,7 +83,7 @@ for option in --qvk-uninstall --qvk-drivers-uninstall; do
     marker /tmp/Quorvik-PleaseDoLog
     not_administrator
     marked_driver
-    folder "/Applications/Quorvik Mobile Partner DriversUninstaller.app"
+    folder "/Applications/Quorvik Connect DriversUninstaller.app"
     snapshot
     launch --env DISPLAY=:5 -- "$option"
     expect_status 1

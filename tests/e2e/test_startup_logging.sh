@@ -13,7 +13,7 @@ launch --background
 wait_until_serving
 stop_launcher
 expect_head "$(main_log)" "Project Launcher Build (null)" "" "System version 00001058" ""
-expect_line "$(main_log)" "Unknown: <date>: AppName:61(Trace): GetCString: CFBundleDisplayName -> Quorvik Mobile Partner"
+expect_line "$(main_log)" "Unknown: <date>: AppName:61(Trace): GetCString: CFBundleDisplayName -> Quorvik Connect"
 expect_line "$(main_log)" 'Unknown: <date>: AppName:90(Trace): GetAppName: QVK_Framework_BuildID="201104.120000"'
 expect_no_file "$(type_log Trace)"
 expect_no_files '/tmp/Quorvik.[0-9]*.log'
@@ -42,7 +42,7 @@ launch --background
 wait_until_serving
 stop_launcher
 expect_head "$(main_log)" "Project Launcher Build (null)" "" "System version 00001090" ""
-expect_line "$(main_log)" "Unknown: <date>: AppName:61(Trace): GetCString: CFBundleDisplayName -> Quorvik Mobile Partner"
+expect_line "$(main_log)" "Unknown: <date>: AppName:61(Trace): GetCString: CFBundleDisplayName -> Quorvik Connect"
 
 scenario "the depth marker in /tmp writes a timestamped file with its header" --version 10.5.8
 marker /tmp/Quorvik-DoLog 255

@@ -2,11 +2,11 @@
 # itself; moved elsewhere, the autostart agent follows and the Launcher starts again from there.
 source "$(dirname "$0")/lib.sh"
 
-AGENT="$USER_HOME/Library/LaunchAgents/Quorvik Mobile Partner.plist"
+AGENT="$USER_HOME/Library/LaunchAgents/Quorvik Connect.plist"
 MODEM_SCRIPT="/Library/Modem Scripts/Quorvik Virtual Modem"
-RECEIPT=/var/db/receipts/com.quorvik.MobilePartner.package.plist
-RESTART=(/usr/bin/zenity --info --no-markup "--title=Quorvik Mobile Partner"
-    "--text=Quorvik Mobile Partner has been deinstalled, but some parts remain in the system until the next restart"
+RECEIPT=/var/db/receipts/com.quorvik.Connect.package.plist
+RESTART=(/usr/bin/zenity --info --no-markup "--title=Quorvik Connect"
+    "--text=Quorvik Connect has been deinstalled, but some parts remain in the system until the next restart"
     --ok-label=OK)
 
 # What the installation left on the machine, and the user's agent for the installed place.
@@ -26,7 +26,7 @@ agent() {
 <plist version="1.0">
 <dict>
 	<key>Label</key>
-	<string>QVK Quorvik Mobile Partner</string>
+	<string>QVK Quorvik Connect</string>
 	<key>OnDemand</key>
 	<false/>
 	<key>Program</key>
@@ -66,7 +66,7 @@ expect_agent() {
 scenario "dragged into the Trash: the package removes itself from there, tells the user and ends"
 marker /tmp/Quorvik-PleaseDoLog
 installed_package
-TRASHED="$USER_HOME/.Trash/Quorvik Mobile Partner.app"
+TRASHED="$USER_HOME/.Trash/Quorvik Connect.app"
 run_and_move "$TRASHED"
 expect_status 0
 expect_line "$(main_log)" "Unknown: <date>: Apple/../../../Framework/Library/Filesystem/Apple/FilesystemMonitor:172(Trace): -[QVK_Framework_FileMonitor QVK_Framework_FileMonitor_Triggered:]: $APP"
@@ -74,18 +74,18 @@ expect_line "$(main_log)" "Unknown: <date>: ../../Framework/Library/Basic/AutoCl
 for gone in "$MODEM_SCRIPT" "$RECEIPT" "$AGENT" "$USER_HOME/.Quorvik"; do expect_no_file "$gone"; done
 find_one DATA "$USER_HOME/.Trash/Quorvik?UserData?*"
 expect_file "$TRASHED/Launcher.app/Contents/MacOS/Launcher"
-expect_call --where "uid=$USER_ID" /bin/launchctl remove "QVK Quorvik Mobile Partner"
+expect_call --where "uid=$USER_ID" /bin/launchctl remove "QVK Quorvik Connect"
 expect_calls 1 --where "uid=$USER_ID" "${RESTART[@]}"
 expect_no_call /usr/bin/open
 
 scenario "moved to another folder: the agent follows and the Launcher starts again from there"
 record_env QUORVIKCRAP_INSTALLATIONMOVED
 installed_package
-MOVED="/Applications/Quorvik/Quorvik Mobile Partner.app"
+MOVED="/Applications/Quorvik/Quorvik Connect.app"
 run_and_move "$MOVED"
 expect_restart "$MOVED/Launcher.app"
 expect_agent "$MOVED/Launcher.app"
-expect_call --where uid=0 /bin/launchctl remove "QVK Quorvik Mobile Partner"
+expect_call --where uid=0 /bin/launchctl remove "QVK Quorvik Connect"
 expect_file "$MODEM_SCRIPT"
 expect_file "$RECEIPT"
 expect_no_call /usr/bin/zenity

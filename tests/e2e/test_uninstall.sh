@@ -2,16 +2,16 @@
 # running application go, the user's data goes to the Trash, and a restart is asked for.
 source "$(dirname "$0")/lib.sh"
 
-QUESTION=(/usr/bin/zenity --question --no-markup --default-cancel "--title=Quorvik Mobile Partner"
-    "--text=Do you really want to deinstall Quorvik Mobile Partner?" --ok-label=Yes --cancel-label=No)
-RESTART=(/usr/bin/zenity --info --no-markup "--title=Quorvik Mobile Partner"
-    "--text=Quorvik Mobile Partner has been deinstalled, but some parts remain in the system until the next restart"
+QUESTION=(/usr/bin/zenity --question --no-markup --default-cancel "--title=Quorvik Connect"
+    "--text=Do you really want to deinstall Quorvik Connect?" --ok-label=Yes --cancel-label=No)
+RESTART=(/usr/bin/zenity --info --no-markup "--title=Quorvik Connect"
+    "--text=Quorvik Connect has been deinstalled, but some parts remain in the system until the next restart"
     --ok-label=OK)
 PREFERENCES=/Library/Preferences/SystemConfiguration/preferences.plist
-SERVICE=Quorvik_Mobile_Partner-1
-UNINSTALLER="/Applications/Quorvik Mobile Partner Uninstall.app"
+SERVICE=Quorvik_Connect-1
+UNINSTALLER="/Applications/Quorvik Connect Uninstall.app"
 MODEM_SCRIPT="/Library/Modem Scripts/Quorvik Virtual Modem"
-NEW_RECEIPTS=(/var/db/receipts/com.quorvik.MobilePartner.package.plist /var/db/receipts/com.quorvik.MobilePartner.package.bom)
+NEW_RECEIPTS=(/var/db/receipts/com.quorvik.Connect.package.plist /var/db/receipts/com.quorvik.Connect.package.bom)
 OLD_RECEIPT=/Library/Receipts/Quorvik.pkg
 
 # A "ps" first on the Launcher's search path: it notes its call in the journal as the stand-ins do
@@ -24,7 +24,7 @@ for arg; do line="\$line [\$arg]"; done
 printf '%s | uid=%s\n' "\$line" "\$(/usr/bin/id -u)" >>/.e2e/journal
 echo "  PID COMM"
 echo "\$(cut -d' ' -f4 /proc/\$PPID/stat) $LAUNCHER_APP/Contents/MacOS/Launcher"
-echo "$APP_PID $APP/Contents/MacOS/Quorvik Mobile Partner"
+echo "$APP_PID $APP/Contents/MacOS/Quorvik Connect"
 EOF
 }
 
@@ -171,12 +171,12 @@ expect_status 0
 # Root's preference domains, the application stopped, then as the user: the autostart entry's
 # tidy-up, the user's domains, the application stopped again, the restart message.
 expect_journal "$(call "$USER_ID" "${QUESTION[@]}")" \
-    "$(call 0 /usr/bin/defaults delete com.quorvik.MobilePartner)" \
+    "$(call 0 /usr/bin/defaults delete com.quorvik.Connect)" \
     "$(call 0 /usr/bin/defaults delete Quorvik.Updater)" \
     "$(call 0 /usr/local/bin/ps -A -o pid -o comm)" \
-    "$(call "$USER_ID" /bin/launchctl remove "QVK Quorvik Mobile Partner")" \
+    "$(call "$USER_ID" /bin/launchctl remove "QVK Quorvik Connect")" \
     "$(call "$USER_ID" /usr/local/bin/ps axww -o pid,command)" \
-    "$(call "$USER_ID" /usr/bin/defaults delete com.quorvik.MobilePartner)" \
+    "$(call "$USER_ID" /usr/bin/defaults delete com.quorvik.Connect)" \
     "$(call "$USER_ID" /usr/bin/defaults delete Quorvik.Updater)" \
     "$(call "$USER_ID" /usr/local/bin/ps -A -o pid -o comm)" \
     "$(call "$USER_ID" "${RESTART[@]}")"
@@ -215,7 +215,7 @@ launch --env DISPLAY=:5 -- --qvk-uninstall
 expect_status 0
 expect_calls 0 /usr/local/bin/ps -A -o pid -o comm
 expect_count 2 "$(main_log)" "(Errors): Launcher_KillApp: Not looking for processes of \"$APP\": the path cannot be quoted"
-expect_calls 2 /usr/bin/defaults delete com.quorvik.MobilePartner
+expect_calls 2 /usr/bin/defaults delete com.quorvik.Connect
 expect_calls 1 "${RESTART[@]}"
 expect_no_file "$APP"
 expect_no_file /pwned

@@ -1,8 +1,8 @@
 # "--qvk-uninstall" asks the user first; a "no" ends the Launcher with status 0 and changes nothing.
 source "$(dirname "$0")/lib.sh"
 
-QUESTION=(/usr/bin/zenity --question --no-markup --default-cancel "--title=Quorvik Mobile Partner"
-    "--text=Do you really want to deinstall Quorvik Mobile Partner?" --ok-label=Yes --cancel-label=No)
+QUESTION=(/usr/bin/zenity --question --no-markup --default-cancel "--title=Quorvik Connect"
+    "--text=Do you really want to deinstall Quorvik Connect?" --ok-label=Yes --cancel-label=No)
 
 scenario "the question declined in the dialog ends with status 0 and changes nothing"
 record_env DISPLAY

@@ -1,7 +1,7 @@
 # A known modem on the USB bus starts the connection application.
 source "$(dirname "$0")/lib.sh"
 
-LAUNCH_LINE='Unknown: <date>: Launch:80(Trace): LaunchMyApplication: /usr/bin/open -a "/Applications/Quorvik Mobile Partner.app"'
+LAUNCH_LINE='Unknown: <date>: Launch:80(Trace): LaunchMyApplication: /usr/bin/open -a "/Applications/Quorvik Connect.app"'
 
 scenario "two known modems present at start launch the application once"
 marker /tmp/Quorvik-PleaseDoLog
@@ -57,7 +57,7 @@ stop_launcher
 
 scenario "the user's preference 0 keeps the application from launching"
 marker /tmp/Quorvik-PleaseDoLog
-put "$USER_HOME/Library/Preferences/com.quorvik.MobilePartner.plist" 0644 "$USER_ID:$USER_GID" <<'XML'
+put "$USER_HOME/Library/Preferences/com.quorvik.Connect.plist" 0644 "$USER_ID:$USER_GID" <<'XML'
 <?xml version="1.0" encoding="UTF-8"?>
 <plist version="1.0"><dict><key>QVK Run Launcher</key><integer>0</integer></dict></plist>
 XML

@@ -19,11 +19,10 @@ protected:
     }
     void TearDown() override { ForgetBundleDictionaryForTesting(); }
     void WriteInfo(const char* displayName, const char* version) {
-        WritePlist(folder_.path() + "/App.app/Contents/Info.plist",
-                   {{"CFBundleDisplayName", displayName},
-                    {"CFBundleName", "Quorvik"},
-                    {"CFBundleIdentifier", "com.quorvik.MobilePartner"},
-                    {"CFBundleVersion", version}});
+        WritePlist(folder_.path() + "/App.app/Contents/Info.plist", {{"CFBundleDisplayName", displayName},
+                                                                     {"CFBundleName", "Quorvik"},
+                                                                     {"CFBundleIdentifier", "com.quorvik.Connect"},
+                                                                     {"CFBundleVersion", version}});
     }
     TempDir folder_;
     FakeBundle bundle_{folder_.path() + "/App.app/Launcher.app"};
@@ -33,17 +32,17 @@ protected:
 
 TEST_F(AppName, FillsTheIdentityAndTakesTheLast13CharactersAsBuildId) {
     QVK_Framework_BuildID_App = "200710.144004";
-    WriteInfo("Mobile Partner \xc3\xa9", "201104.120000");
+    WriteInfo("Connect \xc3\xa9", "201104.120000");
     GetAppName();
-    EXPECT_EQ(QVK_Framework_ApplicationName, "Mobile Partner \xc3\xa9");
-    EXPECT_STREQ(QVK_Framework_Project_Name, "Mobile Partner \xe9");
+    EXPECT_EQ(QVK_Framework_ApplicationName, "Connect \xc3\xa9");
+    EXPECT_STREQ(QVK_Framework_Project_Name, "Connect \xe9");
     EXPECT_EQ(QVK_Framework_Project_Name_Application, QVK_Framework_Project_Name);
     EXPECT_STREQ(QVK_Framework_Project_Name_Bundle, "Quorvik");
-    EXPECT_EQ(QVK_Framework_Project_Identifier, "com.quorvik.MobilePartner");
+    EXPECT_EQ(QVK_Framework_Project_Identifier, "com.quorvik.Connect");
     EXPECT_STREQ(QVK_Framework_BuildID_App, "201104.120000");
     EXPECT_THAT(logger_.MessagesOf("GetAppName"), ElementsAre("QVK_Framework_BuildID=\"201104.120000\""));
     EXPECT_THAT(logger_.MessagesOf("GetCString"),
-                ElementsAre("CFBundleDisplayName -> Mobile Partner \xe9", "CFBundleName -> Quorvik"));
+                ElementsAre("CFBundleDisplayName -> Connect \xe9", "CFBundleName -> Quorvik"));
     EXPECT_EQ(ParentPath(), folder_.path() + "/App.app/Launcher.app/../Contents");
 }
 

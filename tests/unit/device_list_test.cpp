@@ -13,7 +13,7 @@ namespace {
 using ::testing::ElementsAre;
 
 const std::string kSampleList = (std::filesystem::path(__FILE__).parent_path() /
-                                 "../../sample/Quorvik Mobile Partner.app/Contents/Resources/NetworkBlocker.xml")
+                                 "../../sample/Quorvik Connect.app/Contents/Resources/NetworkBlocker.xml")
                                     .string();
 
 Value Usb(Value vendor, Value product) {

@@ -20,7 +20,7 @@ using ::testing::Not;
 using ::testing::UnorderedElementsAreArray;
 
 const std::string kExtensions = "/System/Library/Extensions";
-const std::string kDriversUninstaller = "/Applications/Quorvik Mobile Partner DriversUninstaller.app";
+const std::string kDriversUninstaller = "/Applications/Quorvik Connect DriversUninstaller.app";
 const std::vector<std::string> kCaches = {
     "/System/Library/Caches/com.apple.kext.caches/Directories/System/Library/Extensions/KextIdentifiers.plist.gz",
     "/System/Library/Caches/com.apple.kext.caches/Directories/System/Library/Extensions/"

@@ -26,7 +26,7 @@ class LaunchTest : public ::testing::Test {
 protected:
     LaunchTest() {
         ForgetPreviousLaunchForTesting();
-        WritePlist(app + "/Contents/Info.plist", {{"CFBundleIdentifier", "com.quorvik.MobilePartner"}});
+        WritePlist(app + "/Contents/Info.plist", {{"CFBundleIdentifier", "com.quorvik.Connect"}});
     }
     ~LaunchTest() override { ForgetPreviousLaunchForTesting(); }
 
@@ -41,8 +41,8 @@ protected:
     }
 
     TempDir dir;
-    std::string app = dir.path() + "/My Apps/Quorvik Mobile Partner.app";
-    std::string prefs = dir.path() + "/home/Library/Preferences/com.quorvik.MobilePartner.plist";
+    std::string app = dir.path() + "/My Apps/Quorvik Connect.app";
+    std::string prefs = dir.path() + "/home/Library/Preferences/com.quorvik.Connect.plist";
     std::string command = "/usr/bin/open -a \"" + app + "\"";
     FakeHome home{dir.path() + "/home"};
     FakeBundle bundle{app + "/Launcher.app"};
@@ -134,7 +134,7 @@ TEST_F(LaunchTest, TheNoLaunchMarkerEndsTheProcessWithStatusZero) {
 }
 
 TEST(ShellQuote, OnlyTheCharactersThatEndOrExpandDoubleQuotesAreUnsafe) {
-    for (const char* safe : {"", "/Applications/Quorvik Mobile Partner.app", "/a/b'c&d;e|f*g?h(i)<j>~k!l#m",
+    for (const char* safe : {"", "/Applications/Quorvik Connect.app", "/a/b'c&d;e|f*g?h(i)<j>~k!l#m",
                              "/Programme/Qu\xc3\xb6rvik.app", "/tab\there"})
         EXPECT_TRUE(QVK_Framework_SafeInDoubleQuotes(safe)) << safe;
     for (std::string unsafe : std::vector<std::string>{"a\"b", "a$b", "a`b", "a\\b", "a\nb", std::string("a\0b", 3)})

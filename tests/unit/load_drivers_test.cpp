@@ -99,7 +99,7 @@ protected:
     }
 
     TempDir temp;
-    std::string app = temp.path() + "/Quorvik Mobile Partner.app";
+    std::string app = temp.path() + "/Quorvik Connect.app";
     std::string drivers = app + "/Contents/Drivers";
     FakeBundle bundle{app + "/Launcher.app"};
     platform::Replace<platform::Bundle> useBundle{bundle};

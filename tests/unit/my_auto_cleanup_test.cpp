@@ -24,9 +24,9 @@ namespace {
 using ::testing::Contains;
 using ::testing::ElementsAre;
 
-const std::string kAgent = kHome + "/Library/LaunchAgents/Quorvik Mobile Partner.plist";
-const std::string kTrashedApp = kHome + "/.Trash/Quorvik Mobile Partner.app";
-const std::string kMovedApp = "/Applications/Moved/Quorvik Mobile Partner.app";
+const std::string kAgent = kHome + "/Library/LaunchAgents/Quorvik Connect.plist";
+const std::string kTrashedApp = kHome + "/.Trash/Quorvik Connect.app";
+const std::string kMovedApp = "/Applications/Moved/Quorvik Connect.app";
 const std::string kJournalFile = "/tmp/journal";
 
 // The journal of the child that runs the trigger, written out as it exits.
@@ -95,11 +95,11 @@ TEST(MyAutoCleanupTrigger, TrashedTheApplicationIsUninstalledFromTheTrashThenThe
                                       "App is in \"" +
                                       kTrashedApp + "\""));
         EXPECT_THAT(journal, Contains("$ /sbin/kextunload \"/System/Library/Extensions/QuorvikModem.kext\""));
-        EXPECT_THAT(journal, Contains("$ /bin/launchctl remove \"QVK Quorvik Mobile Partner\""));
+        EXPECT_THAT(journal, Contains("$ /bin/launchctl remove \"QVK Quorvik Connect\""));
         EXPECT_THAT(Only(journal, [](const std::string& l) { return l.starts_with("kill "); }), ElementsAre())
             << "the application is not stopped";
         ASSERT_FALSE(journal.empty());
-        EXPECT_TRUE(journal.back().starts_with("panel [Quorvik Mobile Partner]")) << journal.back();
+        EXPECT_TRUE(journal.back().starts_with("panel [Quorvik Connect]")) << journal.back();
         EXPECT_FALSE(Exists("/Library/Modem Scripts/Quorvik Virtual Modem"));
         EXPECT_FALSE(Exists(kAgent));
         EXPECT_TRUE(Exists(kTrashedApp + "/Launcher.app")) << "emptying the Trash is the user's";
@@ -128,7 +128,7 @@ TEST(MyAutoCleanupTrigger, MovedAndTheRestartFailsTheLauncherTriesOnceMoreInAChi
         EXPECT_TRUE(attempts[0].ends_with(" as 501")) << attempts[0];
         EXPECT_EQ(attempts[1], "start" + attempts[0].substr(7));
         EXPECT_THAT(Only(journal, [](const std::string& l) { return l.starts_with("$ ") || l.starts_with("-[My"); }),
-                    ElementsAre("$ /bin/launchctl remove \"QVK Quorvik Mobile Partner\"",
+                    ElementsAre("$ /bin/launchctl remove \"QVK Quorvik Connect\"",
                                 "-[MyAutoCleanup QVK_Framework_FileMonitor_Triggered:]: New launcher path: " +
                                     kMovedApp + "/Launcher.app"));
         EXPECT_THAT(journal, Contains("QVK_Framework_Autostart_Set: no"));

@@ -130,9 +130,9 @@ inline void UsePrivateTmp() {
 // The sample package of the repository, copied into `folder` with an empty Launcher.app inside;
 // gives the application's path.
 inline std::string CopySampleApp(const std::string& folder) {
-    std::string app = folder + "/Quorvik Mobile Partner.app";
-    std::filesystem::copy(std::filesystem::path(__FILE__).parent_path() / "../../sample/Quorvik Mobile Partner.app",
-                          app, std::filesystem::copy_options::recursive);
+    std::string app = folder + "/Quorvik Connect.app";
+    std::filesystem::copy(std::filesystem::path(__FILE__).parent_path() / "../../sample/Quorvik Connect.app", app,
+                          std::filesystem::copy_options::recursive);
     std::filesystem::create_directories(app + "/Launcher.app");
     return app;
 }

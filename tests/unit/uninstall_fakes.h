@@ -201,7 +201,7 @@ Journal Only(const Journal& journal, Keep keep) {
     return out;
 }
 
-inline const std::string kApp = "/Applications/Quorvik Mobile Partner.app";
+inline const std::string kApp = "/Applications/Quorvik Connect.app";
 inline const std::string kHome = "/Users/maria";
 
 // The installed package, its user and every recording service, as the uninstall sequences see
@@ -210,10 +210,10 @@ inline const std::string kHome = "/Users/maria";
 struct UninstallWorld {
     explicit UninstallWorld(std::uint32_t version, const std::string& app = kApp)
         : bundle(app + "/Launcher.app"), gestalt(version) {
-        QVK_Framework_Project_Identifier = "com.quorvik.MobilePartner";
+        QVK_Framework_Project_Identifier = "com.quorvik.Connect";
         QVK_Framework_Project_Name_Bundle = "Quorvik";
-        QVK_Framework_Project_Name_Application = "Quorvik Mobile Partner";
-        QVK_Framework_ApplicationName = "Quorvik Mobile Partner";
+        QVK_Framework_Project_Name_Application = "Quorvik Connect";
+        QVK_Framework_ApplicationName = "Quorvik Connect";
         MyUser = 501;
         std::filesystem::create_directories(app + "/Launcher.app/Contents/MacOS");
         std::filesystem::create_directories(kHome + "/.Trash");

@@ -26,11 +26,11 @@ using ::testing::Not;
 
 const std::string kExtensions = "/System/Library/Extensions";
 const std::string kCopies = kApp + "/Contents/Drivers-Install/Drivers";
-const std::string kUninstaller = "/Applications/Quorvik Mobile Partner Uninstall.app";
+const std::string kUninstaller = "/Applications/Quorvik Connect Uninstall.app";
 const std::string kModemScript = "/Library/Modem Scripts/Quorvik Virtual Modem";
 const std::string kMkext = "/System/Libraries/Extensions.mkext";
-const std::string kPlistReceipt = "/var/db/receipts/com.quorvik.MobilePartner.package.plist";
-const std::string kBomReceipt = "/var/db/receipts/com.quorvik.MobilePartner.package.bom";
+const std::string kPlistReceipt = "/var/db/receipts/com.quorvik.Connect.package.plist";
+const std::string kBomReceipt = "/var/db/receipts/com.quorvik.Connect.package.bom";
 const std::string kOldReceipt = "/Library/Receipts/Quorvik.pkg";
 const std::string kUserData = kHome + "/.Quorvik";
 // The fixed clock's second and microseconds, 1594384805.25, in hexadecimal.
@@ -77,8 +77,8 @@ Journal Steps(const Journal& journal) {
 }
 
 const std::vector<std::string> kKillDefaults = {
-    "KillDefaults: Executing: /usr/bin/defaults delete \"com.quorvik.MobilePartner\"",
-    "$ /usr/bin/defaults delete \"com.quorvik.MobilePartner\"",
+    "KillDefaults: Executing: /usr/bin/defaults delete \"com.quorvik.Connect\"",
+    "$ /usr/bin/defaults delete \"com.quorvik.Connect\"",
     "KillDefaults: Executing:/usr/bin/defaults delete Quorvik.Updater",
     "$ /usr/bin/defaults delete Quorvik.Updater",
 };
@@ -292,9 +292,9 @@ TEST(RestartMessage, ShowsTheLocalizedTextWithOneButton) {
         InitStrings();
         Launcher_ShowRestartMessage();
         const std::string text =
-            "Quorvik Mobile Partner has been deinstalled, but some parts remain in the system until the next restart";
+            "Quorvik Connect has been deinstalled, but some parts remain in the system until the next restart";
         EXPECT_THAT(world.journal, Contains("Launcher_ShowRestartMessage: Message: " + text));
-        EXPECT_THAT(world.journal, Contains("panel [Quorvik Mobile Partner] [" + text + "] [OK] [(null)]"));
+        EXPECT_THAT(world.journal, Contains("panel [Quorvik Connect] [" + text + "] [OK] [(null)]"));
     });
 }
 

@@ -117,8 +117,7 @@ TEST_F(USBLauncherOnBus, AnUnpluggedModemIsDrainedWithoutALaunch) {
 }
 
 TEST_F(USBLauncherOnBus, ThePreferenceZeroSuppressesTheLaunch) {
-    WritePlist(dir.path() + "/home/Library/Preferences/com.quorvik.MobilePartner.plist",
-               {{"QVK Run Launcher", Value(0)}});
+    WritePlist(dir.path() + "/home/Library/Preferences/com.quorvik.Connect.plist", {{"QVK Run Launcher", Value(0)}});
     Start();
     bus.Plug("modem", 0x12d1, 0x1001);
     ASSERT_TRUE(Serve([&] { return Requests() == 1; }));
