@@ -61,10 +61,10 @@ protected:
             outcome.uids = UserIdsOf(pid);
             outcome.arguments = ArgumentsOf(pid);
             display_.PressKeys(window, std::move(keys));
-            if (answer.wait_for(std::chrono::seconds(20)) != std::future_status::ready) {
-                ADD_FAILURE() << "the panel did not close";
-                kill(pid, SIGTERM);
-            }
+        }
+        if (answer.wait_for(std::chrono::seconds(20)) != std::future_status::ready) {
+            ADD_FAILURE() << "the panel did not close";
+            StopProcessesWithArgument("--title=" + title);
         }
         outcome.answer = answer.get();
         return outcome;

@@ -6,8 +6,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <optional>
 #include <sstream>
@@ -64,6 +66,17 @@ inline std::vector<std::string> ArgumentsOf(pid_t pid) {
     std::vector<std::string> args;
     for (std::string arg; std::getline(in, arg, '\0');) args.push_back(arg);
     return args;
+}
+
+// Ends every process that has `argument` among its arguments: a panel nobody could answer.
+inline void StopProcessesWithArgument(const std::string& argument) {
+    std::error_code error;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc", error)) {
+        pid_t pid = static_cast<pid_t>(std::atoi(entry.path().filename().c_str()));
+        if (pid <= 0) continue;
+        std::vector<std::string> arguments = ArgumentsOf(pid);
+        if (std::find(arguments.begin(), arguments.end(), argument) != arguments.end()) kill(pid, SIGTERM);
+    }
 }
 
 // An Xvfb server on a free display, open to every local user, stopped with the object.
