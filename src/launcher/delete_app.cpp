@@ -12,7 +12,7 @@
 #include <memory>
 #include <vector>
 
-#include "framework/drivers/driver_permissions.h"
+#include "framework/base/identity.h"
 #include "framework/log/logging.h"
 #include "platform/format.h"
 
@@ -60,7 +60,7 @@ std::int32_t DeleteEntry(int parent, const char* name, const std::string& path) 
 }  // namespace
 
 void Launcher_DeleteApp() {
-    std::string application = qvk::drivers::ApplicationFolder();
+    std::string application = ApplicationFolder();
     QVK_Framework_Log_Internal("Launcher_DeleteApp", kSource, __LINE__, 5, "%@", application);
     // A launcher bundle at the top of the file system has no application folder of its own.
     if (application.empty() || application == "/") {

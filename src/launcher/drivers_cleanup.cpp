@@ -14,7 +14,7 @@
 #include <string>
 #include <string_view>
 
-#include "framework/drivers/driver_permissions.h"
+#include "framework/base/identity.h"
 #include "framework/log/logging.h"
 #include "launcher/delete_app.h"
 #include "launcher/my_user.h"
@@ -121,7 +121,7 @@ void Launcher_DriversCleanup() {
     RequireSuperUser(kFunction, kSource);
     Launcher_Delete(CompanionApplication(" DriversUninstaller.app"));
 
-    if (RemoveMarkedDrivers(qvk::drivers::ApplicationFolder())) {
+    if (RemoveMarkedDrivers(ApplicationFolder())) {
         for (const char* cache : kDriverCaches) unlink(cache);
         qvk::platform::Use<qvk::platform::Shell>().System("/usr/bin/killall -HUP kextd");
     }

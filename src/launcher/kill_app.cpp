@@ -10,9 +10,9 @@
 #include <string_view>
 
 #include "framework/base/command_output.h"
+#include "framework/base/identity.h"
 #include "framework/base/shell_quote.h"
 #include "framework/base/text_encoding.h"
-#include "framework/drivers/driver_permissions.h"
 #include "framework/log/logging.h"
 #include "platform/format.h"
 #include "platform/process_signals.h"
@@ -35,7 +35,7 @@ long long IntValue(const std::string& line) {
 }  // namespace
 
 void Launcher_KillApp() {
-    std::string application = qvk::drivers::ApplicationFolder();
+    std::string application = ApplicationFolder();
     if (!QVK_Framework_SafeInDoubleQuotes(application)) {
         QVK_Framework_Log_Internal(kFunction, kSource, __LINE__, 2,
                                    "Not looking for processes of \"%@\": the path cannot be quoted", application);

@@ -10,11 +10,11 @@
 #include <string>
 
 #include "framework/base/global_mutex.h"
+#include "framework/base/identity.h"
 #include "framework/base/shell_quote.h"
 #include "framework/base/text_encoding.h"
 #include "framework/log/logging.h"
 #include "launcher/my_user.h"
-#include "platform/bundle.h"
 #include "platform/clock.h"
 #include "platform/format.h"
 #include "platform/home.h"
@@ -33,13 +33,6 @@ constexpr double kDebounceSeconds = 2.0;
 
 // The time of the previous request that got past the running check.
 std::optional<double> PreviousLaunch;
-
-std::string ParentFolder(const std::string& path) {
-    auto slash = path.rfind('/');
-    if (slash == std::string::npos) return "";
-    if (slash == 0) return "/";
-    return path.substr(0, slash);
-}
 
 // A preference value as an integer: numbers as they are, cut to 32 bits; a text by its leading
 // decimal integer after blanks, 0 when it has none. None for values that have no integer reading.
@@ -100,7 +93,7 @@ void LaunchMyApplication() {
     }
     if (!mayLaunch) return;
 
-    std::string application = ParentFolder(qvk::platform::Use<qvk::platform::Bundle>().MainBundlePath());
+    std::string application = ApplicationFolder();
     if (!RunLauncherPreference(application)) return;
 
     std::string command = qvk::Format("/usr/bin/open -a \"%@\"", application);

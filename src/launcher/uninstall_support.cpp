@@ -10,7 +10,6 @@
 #include "framework/base/identity.h"
 #include "framework/base/shell_quote.h"
 #include "framework/base/text_encoding.h"
-#include "framework/drivers/driver_permissions.h"
 #include "framework/log/logging.h"
 #include "platform/clock.h"
 #include "platform/format.h"
@@ -56,9 +55,7 @@ void LogUserIDs(const char* function, const char* source) {
                                process.EffectiveUserID());
 }
 
-std::string CompanionApplication(const char* suffix) {
-    return DeletingPathExtension(qvk::drivers::ApplicationFolder()) + suffix;
-}
+std::string CompanionApplication(const char* suffix) { return DeletingPathExtension(ApplicationFolder()) + suffix; }
 
 bool RunQuotedCommand(const char* function, const char* source, const char* format, const std::string& path) {
     if (!QVK_Framework_SafeInDoubleQuotes(path)) {

@@ -11,3 +11,7 @@ extern const char* QVK_Framework_Project_Name_Bundle;
 extern std::optional<std::string> QVK_Framework_Project_Identifier;
 // Null until main sets the built-in build id.
 extern const char* QVK_Framework_BuildID_App;
+
+// The folder that holds the running launcher bundle: the installed application. Its drivers,
+// resources and property list lie inside it, and owner and mode changes never leave it.
+std::string ApplicationFolder();

@@ -3,42 +3,23 @@
 #include <strings.h>
 #include <unistd.h>
 
-#include <climits>
-#include <vector>
-
+#include "framework/base/identity.h"
 #include "framework/log/logging.h"
-#include "platform/bundle.h"
 #include "platform/kernel_queue.h"
-#include "platform/service.h"
-
-namespace {
-
-// The working directory's path; none when it can't be read.
-std::optional<std::string> WorkingDirectory() {
-    std::vector<char> buffer(PATH_MAX);
-    for (;;) {
-        if (getcwd(buffer.data(), buffer.size())) return std::string(buffer.data());
-        if (errno != ERANGE) return std::nullopt;
-        buffer.resize(buffer.size() * 2);
-    }
-}
-
-}  // namespace
+#include "platform/path.h"
 
 bool QVK_Framework_AutoCleanup::init() {
     QVK_Framework_Log_Internal("-[QVK_Framework_AutoCleanup init]", "../../Framework/Library/Basic/AutoCleanup", 18, 5,
                                nullptr);
-    std::string bundle = qvk::platform::Use<qvk::platform::Bundle>().MainBundlePath();
-    std::size_t slash = bundle.rfind('/');
-    std::string folder = slash == std::string::npos ? std::string() : slash == 0 ? "/" : bundle.substr(0, slash);
-    return QVK_Framework_FileMonitor_InitForName(folder, qvk::platform::kNoteDelete | qvk::platform::kNoteRename);
+    return QVK_Framework_FileMonitor_InitForName(ApplicationFolder(),
+                                                 qvk::platform::kNoteDelete | qvk::platform::kNoteRename);
 }
 
 bool QVK_Framework_AutoCleanup::QVK_Framework_AutoCleanup_IsTrashedApp(std::optional<std::string>* currentPath) {
-    std::optional<std::string> saved = WorkingDirectory();
+    std::optional<std::string> saved = qvk::platform::WorkingDirectory();
     if (!saved) return false;
     if (fchdir(QVK_Framework_FileMonitor_MonitoredHandle()) != 0) return false;
-    std::optional<std::string> path = WorkingDirectory();
+    std::optional<std::string> path = qvk::platform::WorkingDirectory();
     if (currentPath) *currentPath = path;
     // Whether this works or not, the answer comes from the path read.
     [[maybe_unused]] int restored = chdir(saved->c_str());

@@ -11,10 +11,9 @@
 #include <utility>
 #include <vector>
 
+#include "framework/base/identity.h"
 #include "framework/log/logging.h"
-#include "platform/bundle.h"
 #include "platform/format.h"
-#include "platform/service.h"
 #include "platform/unique_fd.h"
 
 // The Launcher runs as root while the package usually belongs to the user who installed it, so a
@@ -26,18 +25,6 @@
 // between check and change. Links whose target lies inside the package are thus followed as
 // designed, and a folder reached through one is walked as a folder. A file with a second name is
 // left alone: that name may lie outside the package, beyond what the walk can see.
-
-namespace qvk::drivers {
-
-std::string ApplicationFolder() {
-    std::string bundle = platform::Use<platform::Bundle>().MainBundlePath();
-    while (bundle.size() > 1 && bundle.back() == '/') bundle.pop_back();
-    std::size_t slash = bundle.rfind('/');
-    if (slash == std::string::npos) return "";
-    return slash == 0 ? "/" : bundle.substr(0, slash);
-}
-
-}  // namespace qvk::drivers
 
 namespace {
 
@@ -151,7 +138,7 @@ bool FixTree(Walk& walk, const std::string& path) {
 }  // namespace
 
 bool QVK_Framework_SetDriverPermissions(const std::string& path) {
-    std::optional<std::string> application = Resolve(qvk::drivers::ApplicationFolder());
+    std::optional<std::string> application = Resolve(ApplicationFolder());
     if (!application) return false;
     UniqueFd applicationFd(open(application->c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (applicationFd.get() < 0) return false;

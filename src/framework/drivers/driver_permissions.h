@@ -3,14 +3,6 @@
 
 #include <string>
 
-namespace qvk::drivers {
-
-// The folder that holds the running launcher bundle: the installed application. Driver folders lie
-// inside it, and owner and mode changes never leave it.
-std::string ApplicationFolder();
-
-}  // namespace qvk::drivers
-
 // Gives `path` and, for a folder, everything beneath it owner 0:0 and modes 0755 (folders) or 0644
 // (the rest). Links are followed while their target stays inside the application folder; false
 // when the path does not resolve, leads out of the application folder, is a file with more than

@@ -10,6 +10,7 @@
 
 #include "framework/base/build_definitions.h"
 #include "framework/base/class_registry.h"
+#include "framework/base/identity.h"
 #include "framework/base/shell_quote.h"
 #include "framework/base/system_version.h"
 #include "framework/base/text_encoding.h"
@@ -76,7 +77,7 @@ std::string GetDriverDir(const char* releaseTag, const char* cpuName, bool deman
 }
 
 std::string GetDriverPath(const std::string& folderName, bool install) {
-    std::string path = qvk::Format("%@/%s/%@", qvk::drivers::ApplicationFolder(),
+    std::string path = qvk::Format("%@/%s/%@", ApplicationFolder(),
                                    install ? QVK_Framework_DriverDir_Install : QVK_Framework_DriverDir, folderName);
     QVK_Framework_Log_Internal("GetDriverPath", kSource, 58, 5, "%@", path);
     return path;

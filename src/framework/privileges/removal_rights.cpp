@@ -6,7 +6,7 @@
 #include <optional>
 #include <string>
 
-#include "framework/drivers/driver_permissions.h"
+#include "framework/base/identity.h"
 #include "framework/log/logging.h"
 #include "framework/privileges/setuid.h"
 #include "platform/account.h"
@@ -16,7 +16,7 @@ bool QVK_Framework_MayRemovePackage() {
     std::uint32_t user = *QVK_Framework_SetuidStartingUser;
     std::optional<qvk::platform::Account> account = qvk::platform::LookUpAccount(user);
     if (account && qvk::platform::IsAdministrator(*account)) return true;
-    std::string application = qvk::drivers::ApplicationFolder();
+    std::string application = ApplicationFolder();
     struct stat status {};
     if (lstat(application.c_str(), &status) == 0 && status.st_uid == user) return true;
     QVK_Framework_Log_Internal("QVK_Framework_MayRemovePackage", "../../Framework/Framework/RemovalRights", __LINE__, 2,

@@ -24,8 +24,8 @@
 #include <memory>
 #include <mutex>
 #include <optional>
-#include <vector>
 
+#include "platform/path.h"
 #include "platform/service.h"
 #include "platform/unique_fd.h"
 
@@ -66,17 +66,9 @@ std::string DescriptorLink(std::uintptr_t fd) { return "/proc/self/fd/" + std::t
 
 // The path the descriptor's object has now; none when it has none.
 std::optional<std::string> CurrentPath(std::uintptr_t fd) {
-    std::vector<char> buf(256);
-    for (;;) {
-        ssize_t n = readlink(DescriptorLink(fd).c_str(), buf.data(), buf.size());
-        if (n < 0) return std::nullopt;
-        if (static_cast<std::size_t>(n) < buf.size()) {
-            std::string path(buf.data(), static_cast<std::size_t>(n));
-            if (path.empty() || path[0] != '/') return std::nullopt;
-            return path;
-        }
-        buf.resize(buf.size() * 2);
-    }
+    std::optional<std::string> path = ReadLink(DescriptorLink(fd));
+    if (!path || path->empty() || (*path)[0] != '/') return std::nullopt;
+    return path;
 }
 
 bool Unlinked(const Registration& reg) {
@@ -262,11 +254,9 @@ private:
         if (Unlinked(reg)) return;
         std::optional<std::string> path = CurrentPath(reg.event.ident);
         if (!path) return;
-        std::size_t slash = path->rfind('/');
-        std::string parent = slash == 0 ? "/" : path->substr(0, slash);
-        SwapWatch(
-            q, reg.parentWatch,
-            inotify_add_watch(q.inotify.get(), parent.c_str(), IN_MASK_ADD | IN_ONLYDIR | IN_DELETE | IN_MOVED_TO));
+        SwapWatch(q, reg.parentWatch,
+                  inotify_add_watch(q.inotify.get(), ParentFolder(*path).c_str(),
+                                    IN_MASK_ADD | IN_ONLYDIR | IN_DELETE | IN_MOVED_TO));
     }
 
     // Makes `slot` use `wd` (or none for -1), removing a watch nobody uses any more.

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "platform/file_write.h"
+#include "platform/path.h"
 #include "platform/property_list.h"
 #include "platform/service.h"
 #include "platform/unique_fd.h"
@@ -42,9 +43,8 @@ bool ReadAll(int fd, std::string& out) {
 
 // The folder that holds `path`, and the name in it.
 std::pair<std::string, std::string> SplitPath(const std::string& path) {
-    std::size_t slash = path.rfind('/');
-    if (slash == std::string::npos) return {".", path};
-    return {slash == 0 ? "/" : path.substr(0, slash), path.substr(slash + 1)};
+    std::string folder = ParentFolder(path);
+    return {folder.empty() ? "." : folder, path.substr(path.rfind('/') + 1)};
 }
 
 // The components of "/A/B/C"; none for a path that does not start at the root. Empty components
