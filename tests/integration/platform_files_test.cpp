@@ -1,12 +1,15 @@
-// The Linux implementations that read files: property lists and the system version file.
+// The Linux implementations that read files: property lists and the system version file; the
+// paths the system keeps for links and the working directory.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <string>
 #include <vector>
 
 #include "../unit/test_support.h"
 #include "platform/linux/system_version_file.h"
+#include "platform/path.h"
 #include "platform/property_list.h"
 
 namespace qvk::test {
@@ -16,6 +19,32 @@ using namespace std::string_literals;
 
 using platform::ReadSystemVersionFile;
 using platform::SystemVersionNumber;
+
+TEST(Paths, LinkTargetsAndTheWorkingDirectoryAreReadWholeAtAnyLength) {
+    EXPECT_EQ(platform::ParentFolder("/a/b.app"), "/a");
+    EXPECT_EQ(platform::ParentFolder("/a/b.app//"), "/a");
+    EXPECT_EQ(platform::ParentFolder("/b.app"), "/");
+    EXPECT_EQ(platform::ParentFolder("b.app"), "") << "a bare name names no folder, not the working one";
+
+    TempDir dir;
+    // 255, 256 and 257 bytes border on the first buffer; 2000 needs it to grow several times.
+    for (std::size_t length : {255u, 256u, 257u, 2000u}) {
+        std::string target = "/" + std::string(length - 1, 't');
+        std::string link = dir.path() + "/link" + std::to_string(length);
+        ASSERT_EQ(symlink(target.c_str(), link.c_str()), 0);
+        EXPECT_EQ(platform::ReadLink(link), target);
+    }
+    EXPECT_EQ(platform::ReadLink(dir.path() + "/none"), std::nullopt);
+
+    std::string deep = dir.path();
+    while (deep.size() < 700) deep += "/" + std::string(60, 'd');
+    std::filesystem::create_directories(deep);
+    std::string saved = std::filesystem::current_path();
+    ASSERT_EQ(chdir(deep.c_str()), 0);
+    std::optional<std::string> working = platform::WorkingDirectory();
+    ASSERT_EQ(chdir(saved.c_str()), 0);
+    EXPECT_EQ(working, std::filesystem::canonical(deep).string());
+}
 
 TEST(SystemVersionFile, MapsReleasesToTheCappedNumber) {
     TempDir dir;
