@@ -73,14 +73,17 @@ bool RunLauncherPreference(const std::string& application) {
 
 }  // namespace
 
+bool NoLaunchMarkerExists() {
+    return qvk::platform::ExistsInHome(
+        qvk::Format("%@/.Quorvik-NoLaunch-Brisel", qvk::platform::Use<qvk::platform::Home>().HomeDirectory()));
+}
+
 bool ApplicationIsRunning() { return false; }
 
 void LaunchMyApplication() {
     QVK_Framework_Log_Internal(kFunction, kSource, 15, 5, nullptr);
 
-    std::string marker =
-        qvk::Format("%@/.Quorvik-NoLaunch-Brisel", qvk::platform::Use<qvk::platform::Home>().HomeDirectory());
-    if (qvk::platform::ExistsInHome(marker)) std::exit(0);
+    if (NoLaunchMarkerExists()) std::exit(0);
 
     if (ApplicationIsRunning()) return;
 

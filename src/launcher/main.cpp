@@ -19,6 +19,7 @@
 #include "launcher/confirm_uninstall.h"
 #include "launcher/delete_app.h"
 #include "launcher/drivers_cleanup.h"
+#include "launcher/launch.h"
 #include "launcher/my_auto_cleanup.h"
 #include "launcher/my_user.h"
 #include "launcher/strings.h"
@@ -26,14 +27,10 @@
 #include "launcher/usb_launcher.h"
 #include "platform/alert_panel.h"
 #include "platform/bundle.h"
-#include "platform/format.h"
-#include "platform/home.h"
+#include "platform/environment.h"
 #include "platform/home_user.h"
 #include "platform/run_loop.h"
 #include "platform/service.h"
-
-// Set when the package was just moved: this run leaves the drivers alone.
-constexpr const char* InstallationMovedOption = "QUORVIKCRAP_INSTALLATIONMOVED";
 
 int main(int argc, char** argv) {
     // Before anything else, the first log line included: nothing the Launcher opens may become a
@@ -44,7 +41,7 @@ int main(int argc, char** argv) {
     qvk::platform::Use<qvk::platform::Bundle>().MainBundlePath();
     MyUser = QVK_Framework_HandleSetuid(argc, argv);
     qvk::platform::SetHomeUser(MyUser);
-    bool installationMoved = std::getenv(InstallationMovedOption) != nullptr;
+    bool installationMoved = std::getenv(qvk::platform::kInstallationMoved) != nullptr;
 
     QVK_Framework_BuildID_App = QVK_Framework_BuildID;
     InitStrings();
@@ -71,9 +68,7 @@ int main(int argc, char** argv) {
         }
     }
 
-    std::string marker =
-        qvk::Format("%@/.Quorvik-NoLaunch-Brisel", qvk::platform::Use<qvk::platform::Home>().HomeDirectory());
-    if (qvk::platform::ExistsInHome(marker)) return 0;
+    if (NoLaunchMarkerExists()) return 0;
 
     if (!installationMoved) QVK_Framework_LoadDrivers(false, std::nullopt, nullptr);
     DoAutoCleanup();

@@ -41,7 +41,7 @@ void MyAutoCleanup::QVK_Framework_FileMonitor_Triggered(const qvk::Data* event) 
     QVK_Framework_Log_Internal("-[MyAutoCleanup QVK_Framework_FileMonitor_Triggered:]", "MyAutoCleanup", 479, 5,
                                "New launcher path: %@", AutostartBundleOverride);
     QVK_Framework_Autostart_Set(true);
-    setenv("QUORVIKCRAP_INSTALLATIONMOVED", "yes", 1);
+    setenv(qvk::platform::kInstallationMoved, "yes", 1);
     // The launcher at its new place replaces this one; should that fail, a child tries once more.
     auto& processes = qvk::platform::Use<qvk::platform::Processes>();
     qvk::platform::ChildProgram open = OpenLauncher(*AutostartBundleOverride);

@@ -26,7 +26,7 @@ bool Allowed(std::string_view name, std::string_view value) {
                                                                "XAUTHORITY",
                                                                "XDG_RUNTIME_DIR",
                                                                "DBUS_SESSION_BUS_ADDRESS",
-                                                               "QUORVIKCRAP_INSTALLATIONMOVED"};
+                                                               kInstallationMoved};
     if (std::find(kAsGiven.begin(), kAsGiven.end(), name) != kAsGiven.end()) return true;
     if (name == "LANG" || name == "LANGUAGE" || name == "TZ" || name.starts_with("LC_")) return !NamesAFile(value);
     return false;

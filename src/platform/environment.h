@@ -8,9 +8,13 @@
 
 namespace qvk::platform {
 
+// Set for a Launcher restarted from its package's new place after a move: that run leaves the
+// drivers alone.
+inline constexpr char kInstallationMoved[] = "QUORVIKCRAP_INSTALLATIONMOVED";
+
 // The entries of `environment` that a program started by the super-user may see, with a fixed
 // PATH: HOME, USER, LOGNAME, the language and locale variables, the terminal and the desktop
-// session, and "QUORVIKCRAP_INSTALLATIONMOVED"; TZ only when it names a zone and no file. Language
+// session, and kInstallationMoved; TZ only when it names a zone and no file. Language
 // and locale values that name a file are left out too, since a locale or message catalog read from
 // a file of the caller's would steer the super-user's programs.
 std::vector<std::string> SuperUserEnvironment(const std::vector<std::string>& environment);
