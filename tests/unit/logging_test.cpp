@@ -5,8 +5,10 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <future>
 #include <thread>
 
+#include "framework/base/global_mutex.h"
 #include "framework/base/identity.h"
 #include "framework/log/log.h"
 #include "framework/log/logging.h"
@@ -136,6 +138,45 @@ TEST_F(Logging, CustomLoggerAloneGetsEntriesButNoFileOrConsole) {
     });
     EXPECT_THAT(FolderNames("/tmp"),
                 ElementsAre("Quorvik-PleaseDoLog-Split", "Quorvik.Log." + std::to_string(pid) + ".Trace"));
+}
+
+// Answers the log header's version question only when told to, so that a test can act while another
+// thread is inside the logger's own lock.
+class PausingGestalt : public FakeGestalt {
+public:
+    PausingGestalt() : FakeGestalt(0x1058) {}
+    std::optional<std::uint32_t> SystemVersion() override {
+        inside.set_value();
+        go.get_future().wait();
+        return FakeGestalt::SystemVersion();
+    }
+    std::promise<void> inside;
+    std::promise<void> go;
+};
+
+TEST_F(Logging, AThreadHoldingTheGlobalMutexMayLogWhileAnotherWritesAnEntry) {
+    WriteFile("/tmp/Quorvik-PleaseDoLog", "");
+    pid_t pid = RunInChild([] {
+        // A deadlock ends the child instead of leaving it behind.
+        alarm(60);
+        QVK_Framework_CreateGlobalMutex();
+        PausingGestalt gestalt;
+        platform::Replace<platform::Gestalt> useGestalt{gestalt};
+        std::thread writer([] { QVK_Framework_Log_Internal("writer", "Src", 1, 5, "first"); });
+        // The writer now holds the logger's own lock, opening the combined file.
+        gestalt.inside.get_future().wait();
+        {
+            QVK_Framework_GlobalLock lock;
+            gestalt.go.set_value();
+            // Waits for the writer's own lock, which the writer gives up without the global mutex.
+            QVK_Framework_Log_Internal("holder", "Src", 2, 5, "second");
+        }
+        writer.join();
+    });
+    auto lines = Lines(Log(pid));
+    ASSERT_EQ(lines.size(), 6u) << Log(pid);
+    EXPECT_THAT(lines[4], MatchesRegex(".*: Src:1\\(Trace\\): writer: first"));
+    EXPECT_THAT(lines[5], MatchesRegex(".*: Src:2\\(Trace\\): holder: second"));
 }
 
 TEST_F(Logging, AForkedChildReopensOnlyTheFirstFileItChecks) {

@@ -68,12 +68,12 @@ const char* MainTypeName(std::int32_t type) {
 
 std::optional<MainLogSwitches> MainLoggerSwitches() {
     bool dolog = CheckForFile("Quorvik-PleaseDoLog");
-    if (!dolog) {
-        QVK_Framework_CustomLoggerClass* custom = TheCustomLogger();
-        if (!custom || !custom->QVK_Framework_CustomLogger_PerformLogging()) return std::nullopt;
-    }
+    // Looked up here, before the logger's own lock is taken: the global mutex is never waited for
+    // under the own lock, so a thread that logs while holding the global mutex cannot deadlock.
+    QVK_Framework_CustomLoggerClass* custom = TheCustomLogger();
+    if (!dolog && (!custom || !custom->QVK_Framework_CustomLogger_PerformLogging())) return std::nullopt;
     // The split marker alone switches nothing on, so it is looked for only when logging is on.
-    return MainLogSwitches{dolog, access("/tmp/Quorvik-PleaseDoLog-Split", F_OK) == 0};
+    return MainLogSwitches{dolog, access("/tmp/Quorvik-PleaseDoLog-Split", F_OK) == 0, custom};
 }
 
 void WriteMainEntry(const MainLogSwitches& switches, const char* function, const char* file, std::uint32_t line,
@@ -96,8 +96,8 @@ void WriteMainEntry(const MainLogSwitches& switches, const char* function, const
         case 1: stream = typeFile ? typeFile->get() : nullptr; break;
         case 2: stream = LogFileCombined.get(); break;
         case 3:
-            if (QVK_Framework_CustomLoggerClass* custom = TheCustomLogger())
-                custom->QVK_Framework_CustomLogger_LogMessage(message, typeName, file, line, function);
+            if (switches.custom)
+                switches.custom->QVK_Framework_CustomLogger_LogMessage(message, typeName, file, line, function);
             break;
         default: QVK_Framework_AssertionFailed("NO", "QVK_Framework_Log_Internal", "Logging", 364);
         }

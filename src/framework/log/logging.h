@@ -27,9 +27,11 @@ namespace qvk::log {
 struct MainLogSwitches {
     bool dolog;
     bool split;
+    // The custom logger class, null when there is none.
+    QVK_Framework_CustomLoggerClass* custom;
 };
 
-// The markers and the custom logger's answer; none when this entry is not to be logged.
+// The markers, the custom logger class and its answer; none when this entry is not to be logged.
 std::optional<MainLogSwitches> MainLoggerSwitches();
 
 void WriteMainEntry(const MainLogSwitches& switches, const char* function, const char* file, std::uint32_t line,
