@@ -35,11 +35,11 @@ const char* GetCString(const std::string& key) {
 }
 
 void GetAppName() {
-    QVK_Framework_ApplicationName = GetBundleString("CFBundleDisplayName");
+    QVK_Framework_ApplicationName = GetBundleString("CFBundleDisplayName").value_or("");
     QVK_Framework_Project_Name = GetCString("CFBundleDisplayName");
     QVK_Framework_Project_Name_Application = QVK_Framework_Project_Name;
     QVK_Framework_Project_Name_Bundle = GetCString("CFBundleName");
-    QVK_Framework_Project_Identifier = GetBundleString("CFBundleIdentifier");
+    QVK_Framework_Project_Identifier = GetBundleString("CFBundleIdentifier").value_or("");
 
     std::optional<std::string> version = GetBundleString("CFBundleVersion");
     if (!version || version->size() < kBuildIdLength) return;

@@ -13,6 +13,5 @@ bool ConfirmUninstall() {
     std::string yes = LocalizedText("STRING_LAUNCHER_CONFIRM_DEINSTALL_YES");
     std::string no = LocalizedText("STRING_LAUNCHER_CONFIRM_DEINSTALL_NO");
     // The safe answer is the default button.
-    return ShowAlertPanel(QVK_Framework_ApplicationName.value_or(""), question, no, yes) ==
-           qvk::platform::AlertReturn::Alternate;
+    return ShowAlertPanel(QVK_Framework_ApplicationName, question, no, yes) == qvk::platform::AlertReturn::Alternate;
 }

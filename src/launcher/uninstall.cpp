@@ -132,8 +132,7 @@ void KillReceipts_LeopardPlus() {
     for (const char* format : paths) {
         std::string path = qvk::Format(format, QVK_Framework_Project_Identifier);
         QVK_Framework_Log_Internal(kFunction, kSource, __LINE__, 5, "Trying to delete receipts path: %@", path);
-        if (IsReceiptName(kFunction, QVK_Framework_Project_Identifier.value_or("").c_str()))
-            RemoveReceipt(kFunction, path);
+        if (IsReceiptName(kFunction, QVK_Framework_Project_Identifier.c_str())) RemoveReceipt(kFunction, path);
         if (first) QVK_Framework_Log_Internal(kFunction, kSource, __LINE__, 5, nullptr);
         first = false;
     }
@@ -154,7 +153,7 @@ void KillDefaults() {
     auto& shell = qvk::platform::Use<qvk::platform::Shell>();
     std::string command = qvk::Format("/usr/bin/defaults delete \"%@\"", QVK_Framework_Project_Identifier);
     QVK_Framework_Log_Internal(kFunction, kSource, __LINE__, 5, "Executing: %@", command);
-    if (QVK_Framework_SafeInDoubleQuotes(QVK_Framework_Project_Identifier.value_or("")))
+    if (QVK_Framework_SafeInDoubleQuotes(QVK_Framework_Project_Identifier))
         shell.System(command);
     else
         QVK_Framework_Log_Internal(kFunction, kSource, __LINE__, 2,
@@ -168,5 +167,5 @@ qvk::platform::AlertReturn Launcher_ShowRestartMessage() {
         qvk::Format(LocalizedText("STRING_LAUNCHER_MESSAGE_DEINSTALL"), QVK_Framework_ApplicationName);
     QVK_Framework_Log_Internal("Launcher_ShowRestartMessage", kSource, __LINE__, 5, "Message: %@", message);
     // A panel of its own process comes to the front by itself.
-    return ShowAlertPanel(QVK_Framework_ApplicationName.value_or(""), message, "OK", std::nullopt);
+    return ShowAlertPanel(QVK_Framework_ApplicationName, message, "OK", std::nullopt);
 }

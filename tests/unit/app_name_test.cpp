@@ -59,7 +59,7 @@ TEST_F(AppName, AShortVersionKeepsTheBuildIdAndANameOutsideLatin1IsEmpty) {
 
 TEST_F(AppName, AMissingListGivesEmptyNamesAndIsReadAgainLater) {
     GetAppName();
-    EXPECT_EQ(QVK_Framework_ApplicationName, std::nullopt);
+    EXPECT_EQ(QVK_Framework_ApplicationName, "");
     EXPECT_STREQ(QVK_Framework_Project_Name_Bundle, "");
     WriteInfo("Later", "1");
     EXPECT_EQ(GetBundleString("CFBundleDisplayName"), "Later");

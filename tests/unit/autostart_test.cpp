@@ -9,6 +9,7 @@
 
 #include "framework/base/identity.h"
 #include "framework/basic/autostart.h"
+#include "launcher/app_name.h"
 #include "platform/home_user.h"
 #include "platform/property_list.h"
 #include "test_support.h"
@@ -50,7 +51,7 @@ protected:
         return Format("%o %u", st.st_mode & 07777, st.st_uid);
     }
 
-    std::optional<std::string> savedName_;
+    std::string savedName_;
     TempDir dir_;
     Journal journal_;
     JournalLogger logger_{journal_};
@@ -232,6 +233,29 @@ TEST_F(Autostart, TheLaunchdCommandIsRefusedWhenTheNameCouldLeaveItsQuotesOrTheC
         EXPECT_EQ(Only(journal_, [](const std::string& l) { return l.starts_with("KillLauncher (Errors)"); }).size(),
                   1u);
     }
+}
+
+TEST_F(Autostart, AnApplicationWithoutDisplayNameGivesTheAgentAndItsJobAnEmptyName) {
+    WritePlist(dir_.path() + "/home/Apps/Pkg.app/Contents/Info.plist",
+               {{"CFBundleName", Value("Pkg")}, {"CFBundleVersion", Value("1")}});
+    Scoped<const char*> name{QVK_Framework_Project_Name, QVK_Framework_Project_Name};
+    Scoped<const char*> application{QVK_Framework_Project_Name_Application, QVK_Framework_Project_Name_Application};
+    Scoped<const char*> bundleName{QVK_Framework_Project_Name_Bundle, QVK_Framework_Project_Name_Bundle};
+    Scoped<std::string> identifier{QVK_Framework_Project_Identifier, "unchanged"};
+    ForgetBundleDictionaryForTesting();
+    GetAppName();
+    ForgetBundleDictionaryForTesting();
+    EXPECT_EQ(QVK_Framework_Project_Identifier, "");
+
+    ASSERT_TRUE(QVK_Framework_Autostart_Set(true));
+    std::string agent = home_.HomeDirectory() + "/Library/LaunchAgents/.plist";
+    std::optional<Value> parsed = platform::ReadPropertyList(agent);
+    ASSERT_TRUE(parsed) << "the agent file is named by the empty name";
+    EXPECT_EQ((*parsed)["Label"], Value("QVK "));
+    journal_.clear();
+    KillLauncher();
+    EXPECT_THAT(Only(journal_, [](const std::string& l) { return l.starts_with("$ "); }),
+                ElementsAre("$ /bin/launchctl remove \"QVK \""));
 }
 
 TEST_F(Autostart, LoginItemsCountOnlyBefore10_4ThenTheAgentDecides) {

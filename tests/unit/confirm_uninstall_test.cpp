@@ -45,7 +45,7 @@ protected:
     platform::Replace<platform::AlertPanel> usePanel_{panel_};
     CapturingLogger logger_;
     Scoped<const char*> language_{QVK_PreferredLanguage, nullptr};
-    Scoped<std::optional<std::string>> name_{QVK_Framework_ApplicationName, "Quorvik Mobile"};
+    Scoped<std::string> name_{QVK_Framework_ApplicationName, "Quorvik Mobile"};
 };
 
 TEST_F(ConfirmUninstallTest, AsksWithNoAsTheDefaultAndAgreesOnlyToTheAlternateButton) {
@@ -71,9 +71,9 @@ TEST_F(ConfirmUninstallTest, TextsComeFromTheStringsFileForTheChosenLanguage) {
               "</dict></plist>");
     QVK_PreferredLanguage = "de";
     InitStrings();
-    QVK_Framework_ApplicationName.reset();
+    QVK_Framework_ApplicationName.clear();
     EXPECT_FALSE(Ask(platform::AlertReturn::Default));
-    EXPECT_THAT(panel_.shown, ElementsAre(" | (null) wirklich entfernen? | No | Ja"));
+    EXPECT_THAT(panel_.shown, ElementsAre(" |  wirklich entfernen? | No | Ja"));
 }
 
 }  // namespace

@@ -145,7 +145,7 @@ protected:
 TEST_F(ConnectionDelete, TakesTheServiceOutOfTheCurrentSetAndEveryPlaceInItsOrder) {
     Write(NetworkPreferences());
     CapturingLogger logger;
-    Scoped<std::optional<std::string>> applicationName(QVK_Framework_ApplicationName, "Quorvik Mobile");
+    Scoped<std::string> applicationName(QVK_Framework_ApplicationName, "Quorvik Mobile");
     QVK_Framework_Connection_Delete(1);
 
     Dictionary expected = NetworkPreferences();

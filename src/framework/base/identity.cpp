@@ -4,11 +4,11 @@
 #include "platform/path.h"
 #include "platform/service.h"
 
-std::optional<std::string> QVK_Framework_ApplicationName;
+std::string QVK_Framework_ApplicationName;
 const char* QVK_Framework_Project_Name = "Launcher";
 const char* QVK_Framework_Project_Name_Application = "Launcher";
 const char* QVK_Framework_Project_Name_Bundle = "Launcher";
-std::optional<std::string> QVK_Framework_Project_Identifier;
+std::string QVK_Framework_Project_Identifier;
 const char* QVK_Framework_BuildID_App = nullptr;
 
 std::string ApplicationFolder() {

@@ -1,14 +1,15 @@
 // The enclosing application's identity, filled once at start-up and read by the whole program.
 #pragma once
 
-#include <optional>
 #include <string>
 
-extern std::optional<std::string> QVK_Framework_ApplicationName;
+// The texts are empty where the application's property list lacks them, so that no name, path or
+// command is built from a missing text.
+extern std::string QVK_Framework_ApplicationName;
 extern const char* QVK_Framework_Project_Name;
 extern const char* QVK_Framework_Project_Name_Application;
 extern const char* QVK_Framework_Project_Name_Bundle;
-extern std::optional<std::string> QVK_Framework_Project_Identifier;
+extern std::string QVK_Framework_Project_Identifier;
 // Null until main sets the built-in build id.
 extern const char* QVK_Framework_BuildID_App;
 

@@ -235,9 +235,8 @@ bool QVK_Framework_Autostart_Set(bool on) {
 }
 
 void KillLauncher() {
-    std::string label = QVK_Framework_ApplicationName.value_or("(null)");
     std::string command = qvk::Format("/bin/launchctl remove \"QVK %s\"", QVK_Framework_ApplicationName);
-    if (!QVK_Framework_SafeInDoubleQuotes(label)) {
+    if (!QVK_Framework_SafeInDoubleQuotes(QVK_Framework_ApplicationName)) {
         QVK_Framework_Log_Internal("KillLauncher", kSource, 364, 2, "Refused, the name could leave its quotes: %@",
                                    command);
     } else if (command.size() >= kCommandBufferSize) {

@@ -38,8 +38,7 @@ std::int32_t Privileged_InstallConnection(SystemPreferences* prefs, const qvk::D
     // A reference opened here is locked while it is used; the caller's own one is left as it is.
     std::unique_ptr<SystemPreferences> own;
     if (!prefs) {
-        own = qvk::platform::Use<qvk::platform::SystemPreferencesStore>().Create(
-            QVK_Framework_ApplicationName.value_or(""));
+        own = qvk::platform::Use<qvk::platform::SystemPreferencesStore>().Create(QVK_Framework_ApplicationName);
         if (!own || !own->Lock(true)) return kConnectionPreferencesError;
         prefs = own.get();
     }
