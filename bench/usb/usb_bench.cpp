@@ -74,11 +74,16 @@ public:
         std::ofstream(app_ + "/Contents/Info.plist")
             << "<plist version=\"1.0\"><dict><key>CFBundleIdentifier</key><string>com.quorvik.Bench</string>"
                "</dict></plist>";
+        // A thousand products a vendor keeps the file below the 1 MiB a device list may hold.
         std::ofstream list(app_ + "/Contents/Resources/NetworkBlocker.xml");
-        list << "<plist version=\"1.0\"><array>\n";
-        for (int i = 0; i < pairs; ++i)
-            list << "<dict><key>USB</key><dict><key>Vendor</key><string>0x" << std::hex << (0x6000 + i / 1000)
-                 << "</string><key>Product</key><string>0x" << (i % 1000) << std::dec << "</string></dict></dict>\n";
+        list << "<plist version=\"1.0\"><array>\n" << std::hex;
+        for (int i = 0; i < pairs; ++i) {
+            if (i % 1000 == 0)
+                list << "<dict><key>USB</key><dict><key>Vendor</key><string>0x" << 0x6000 + i / 1000
+                     << "</string><key>Product</key><array>\n";
+            list << "<string>0x" << i % 1000 << "</string>\n";
+            if (i % 1000 == 999 || i + 1 == pairs) list << "</array></dict></dict>\n";
+        }
         list << "</array></plist>\n";
     }
     ~Package() { fs::remove_all(root_); }
