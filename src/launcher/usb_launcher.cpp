@@ -56,13 +56,13 @@ std::optional<qvk::Array> QVK_Framework_Port_Module_USBLauncher::QVK_Framework_P
 
     std::string path = qvk::Format("%@/../Contents/Resources/NetworkBlocker.xml",
                                    qvk::platform::Use<qvk::platform::Bundle>().MainBundlePath());
-    std::optional<qvk::Array> list = QVK_Framework_ReadDeviceList(path);
-    std::optional<qvk::Value> shown;
-    if (list) shown = qvk::Value(*list);
+    // Held as the logged object itself: no copy of a long list for a log line that may not be written.
+    std::optional<qvk::Value> list;
+    if (std::optional<qvk::Array> read = QVK_Framework_ReadDeviceList(path)) list.emplace(std::move(*read));
     QVK_Framework_Log_Internal("-[QVK_Framework_Port_Module_USBLauncher QVK_Framework_PortModule_MatchingDictionaries]",
-                               kSource, 111, 5, "%@ -> %@", path, shown ? &*shown : nullptr);
+                               kSource, 111, 5, "%@ -> %@", path, list ? &*list : nullptr);
     if (list)
-        for (const QVK_Framework_USBPair& pair : QVK_Framework_DeviceListUSBPairs(*list))
+        for (const QVK_Framework_USBPair& pair : QVK_Framework_DeviceListUSBPairs(*list->AsArray()))
             AddMatchingDict(dictionaries, armed, pair.Vendor, pair.Product);
     return dictionaries;
 }

@@ -53,15 +53,17 @@ std::optional<qvk::Array> QVK_Framework_Port_Module::QVK_Framework_PortModule_Ma
 }
 
 bool QVK_Framework_Port_Module::QVK_Framework_PortModule_AddNotification() {
-    std::optional<qvk::Array> dictionaries = QVK_Framework_PortModule_MatchingDictionaries();
-    std::optional<qvk::Value> shown;
-    if (dictionaries) shown = qvk::Value(*dictionaries);
+    // Held as the logged object itself: no copy of every dictionary for a log line that may not be
+    // written.
+    std::optional<qvk::Value> dictionaries;
+    if (std::optional<qvk::Array> made = QVK_Framework_PortModule_MatchingDictionaries())
+        dictionaries.emplace(std::move(*made));
     QVK_Framework_Log_Internal("-[QVK_Framework_Port_Module QVK_Framework_PortModule_AddNotification]", kSource, 180, 5,
-                               "%@", shown ? &*shown : nullptr);
+                               "%@", dictionaries ? &*dictionaries : nullptr);
 
     Initializing = true;
     if (dictionaries) {
-        for (const qvk::Value& dictionary : *dictionaries) {
+        for (const qvk::Value& dictionary : *dictionaries->AsArray()) {
             std::unique_ptr<qvk::platform::NotificationPort> port = Registry().NotificationPortCreate();
             if (!port || !port->AddSourceToMainRunLoop()) continue;
             qvk::platform::UsbIterator iterator;
