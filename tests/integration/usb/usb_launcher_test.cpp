@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <array>
 #include <filesystem>
 
 #include "../../unit/test_support.h"
@@ -122,6 +123,68 @@ TEST_F(USBLauncherOnBus, ThePreferenceZeroSuppressesTheLaunch) {
     bus.Plug("modem", 0x12d1, 0x1001);
     ASSERT_TRUE(Serve([&] { return Requests() == 1; }));
     EXPECT_THAT(shell.commands, IsEmpty());
+}
+
+// The clock stands where the test puts it.
+class SetClock : public platform::Clock {
+public:
+    double Now() override { return now; }
+    double now = 0;
+};
+
+// 1,000 plug and unplug events of five devices (four watched modems and a mouse), sent as fast as
+// the bus takes them: it gives up on a listener that lets ten events wait, so each watched modem is
+// served before the next events. Three names are used in turn, so a lost removal would hide the
+// next device of that name. The clock moves 0.5 s an event and 3 s every 40th: one launch per
+// window, each later request in a window dropped.
+TEST_F(USBLauncherOnBus, ABurstOfEventsIsCountedOnceEachAndLaunchesOncePerWindow) {
+    SetClock time;
+    platform::Replace<platform::Clock> useTime{time};
+    struct Kind {
+        std::uint16_t vendor, product;
+    };
+    const std::array<Kind, 5> kinds = {
+        {{0x12d1, 0x1001}, {0x19d2, 0x2000}, {0x0af0, 0x6971}, {0x1e0e, 0x9001}, {0x046d, 0xc077}}};
+    auto watched = [](std::size_t kind) { return kind != 4; };
+    auto shown = [&](const Kind& k) { return Format("Vendor 0x%04x Product 0x%04x", k.vendor, k.product); };
+
+    Start();
+    std::array<std::string, 3> slots;
+    slots[0] = bus.Plug("slot0", 0x12d1, 0x1001);
+    ASSERT_TRUE(ServeUntilLaunches(1));
+    logger.entries.clear();
+    shell.commands.clear();
+
+    std::vector<std::string> expected;
+    std::size_t windows = 0;
+    for (std::size_t i = 0, events = 0; events < 1000; ++i) {
+        std::string& slot = slots[i % slots.size()];
+        if (!slot.empty()) {
+            bus.Unplug(slot);
+            ++events;
+        }
+        std::size_t kind = i % kinds.size();
+        time.now += i % 40 == 0 ? 3.0 : 0.5;
+        windows += i % 40 == 0;
+        slot = bus.Plug("slot" + std::to_string(i % slots.size()), kinds[kind].vendor, kinds[kind].product);
+        ++events;
+        if (watched(kind)) {
+            expected.push_back(shown(kinds[kind]));
+            ASSERT_TRUE(Serve([&] { return Requests() == expected.size(); })) << "event " << events;
+        }
+    }
+    for (std::string& slot : slots) bus.Unplug(slot);
+    time.now += 3.0;
+    bus.Plug("slot0", 0x12d1, 0x1003);
+    expected.push_back(shown({0x12d1, 0x1003}));
+    ASSERT_TRUE(ServeUntilLaunches(windows + 1)) << "a removed name comes back as a new device";
+
+    std::vector<std::string> found;
+    for (const std::string& message : logger.MessagesOf(kPublish))
+        if (message != "<none>") found.push_back(message);
+    EXPECT_EQ(found, expected) << "each watched modem once, in the order plugged";
+    EXPECT_EQ(Requests(), expected.size());
+    EXPECT_EQ(Launches(), windows + 1);
 }
 
 }  // namespace
