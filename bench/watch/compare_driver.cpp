@@ -287,6 +287,7 @@ struct Watcher {
     unsigned vendor, product;
     std::string app;
     pid_t pid = -1;
+    double lastPlug = -1e9;
     std::vector<double> latencies{};
     int misses = 0;
 };
@@ -416,12 +417,15 @@ void Run(const Options& o) {
         for (int plug = 0; plug < o.plugs; ++plug) {
             for (std::size_t k = 0; k < watchers.size(); ++k) {
                 Watcher& w = watchers[(k + static_cast<std::size_t>(round)) % watchers.size()];
+                // A late slot never brings one watcher's plugs closer together.
+                next = std::max(next, w.lastPlug + kLauncherPlugGap);
                 SleepUntil(next);
                 next += slot;
                 double sent = 0, mark = 0;
                 std::string name = "m";
                 name += std::to_string(++count);
                 std::string path = bus.Plug(name, w.vendor, w.product, sent);
+                w.lastPlug = sent;
                 if (marks.Next(w.app, sent + kMissAfter, mark))
                     w.latencies.push_back(mark - sent);
                 else
