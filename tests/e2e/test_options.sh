@@ -1,22 +1,14 @@
 # The scan of the command line for the two uninstall options.
 source "$(dirname "$0")/lib.sh"
 
-scenario "the first option wins: drivers-only removal before the full uninstall"
+scenario "the first option wins, and an uninstall option acts even with the no-launch marker"
 marker /tmp/Quorvik-PleaseDoLog
-record_env DISPLAY
+marker "$USER_HOME/.Quorvik-NoLaunch-Brisel"
 launch --env DISPLAY=:5 -- --qvk-drivers-uninstall --qvk-uninstall
 expect_status 0
 expect_line "$(main_log)" "Unknown: <date>: Main:79(Trace): main: BRISEL Found --qvk-uninstall"
 expect_no_line "$(main_log)" "Main:68(Trace)"
 expect_no_call /usr/bin/zenity
-
-scenario "the first option wins: the full uninstall before the drivers-only removal"
-marker /tmp/Quorvik-PleaseDoLog
-tool_status zenity 1
-launch --env DISPLAY=:5 -- --qvk-uninstall --qvk-drivers-uninstall
-expect_status 0
-expect_line "$(main_log)" "Unknown: <date>: Main:68(Trace): main: Found --qvk-uninstall"
-expect_no_line "$(main_log)" "BRISEL"
 
 scenario "near misses of the options lead to the normal life"
 marker /tmp/Quorvik-PleaseDoLog
@@ -25,10 +17,3 @@ launch --background -- --qvk-uninstall=1 --QVK-UNINSTALL --qvk-uninstallx -qvk-u
 wait_until_serving
 stop_launcher
 expect_no_line "$(main_log)" "Found --qvk-uninstall"
-
-scenario "an uninstall option acts even with the no-launch marker"
-marker /tmp/Quorvik-PleaseDoLog
-marker "$USER_HOME/.Quorvik-NoLaunch-Brisel"
-launch -- --qvk-drivers-uninstall
-expect_status 0
-expect_line "$(main_log)" "Unknown: <date>: Main:79(Trace): main: BRISEL Found --qvk-uninstall"

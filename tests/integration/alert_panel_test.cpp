@@ -1,174 +1,181 @@
-// The alert panel against real zenity under Xvfb and a real pseudo-terminal.
+// The alert panel against real zenity under Xvfb and on a real pseudo-terminal.
 #include <poll.h>
 #include <pty.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <fstream>
 #include <future>
 
-#include "desktop_session.h"
+#include "../unit/test_support.h"
 #include "platform/alert_panel.h"
-#include "platform/service.h"
+#include "platform/unique_fd.h"
 
 namespace qvk::test {
 namespace {
 
 using platform::AlertAnswer;
 using platform::AlertPanel;
-using platform::AlertReturn;
 using ::testing::ElementsAre;
 
 constexpr unsigned kNobody = 65534;
 
 // "default asked zenity": the button, whether anyone was asked, and how.
 std::string Describe(const AlertAnswer& answer) {
-    return std::string(answer.button == AlertReturn::Alternate ? "alternate" : "default") + " " +
+    return std::string(answer.button == platform::AlertReturn::Alternate ? "alternate" : "default") + " " +
            (answer.asked ? "asked" : "not asked") + " " + answer.detail;
+}
+
+// Starts `args`; gives the pid and the read end of its standard output.
+pid_t Start(std::vector<std::string> args, platform::UniqueFd& output) {
+    int out[2];
+    if (pipe(out) != 0) return -1;
+    output.reset(out[0]);
+    platform::UniqueFd writeEnd(out[1]);
+    pid_t pid = fork();
+    if (pid == 0) {
+        dup2(writeEnd.get(), 1);
+        std::vector<char*> argv;
+        for (std::string& a : args) argv.push_back(a.data());
+        argv.push_back(nullptr);
+        execvp(argv[0], argv.data());
+        _exit(127);
+    }
+    return pid;
+}
+
+// xdotool's first line of output on the current display, or empty when it fails.
+std::string Xdotool(std::vector<std::string> args) {
+    args.insert(args.begin(), {"timeout", "20", "xdotool"});
+    platform::UniqueFd out;
+    pid_t pid = Start(args, out);
+    std::string text;
+    char buf[256];
+    for (ssize_t n; (n = read(out.get(), buf, sizeof buf)) > 0;) text.append(buf, static_cast<std::size_t>(n));
+    int status = 0;
+    waitpid(pid, &status, 0);
+    return status == 0 ? text.substr(0, text.find('\n')) : "";
+}
+
+// A process's real user id, and its arguments.
+std::pair<std::string, std::vector<std::string>> Process(pid_t pid) {
+    std::ifstream status("/proc/" + std::to_string(pid) + "/status"),
+        cmdline("/proc/" + std::to_string(pid) + "/cmdline");
+    std::pair<std::string, std::vector<std::string>> out;
+    for (std::string line; std::getline(status, line);)
+        if (line.starts_with("Uid:")) out.first = line;
+    for (std::string arg; std::getline(cmdline, arg, '\0');) out.second.push_back(arg);
+    return out;
 }
 
 class AlertPanelOnDisplay : public ::testing::Test {
 protected:
     void SetUp() override {
         ASSERT_EQ(geteuid(), 0u) << "this test needs root to show panels as another user";
-        ASSERT_FALSE(display_.name().empty());
-        setenv("DISPLAY", display_.name().c_str(), 1);
-        unsetenv("WAYLAND_DISPLAY");
+        xvfb_ = Start({"Xvfb", "-displayfd", "1", "-ac", "-nolisten", "tcp", "-screen", "0", "800x600x24"}, display_);
+        std::string number;
+        for (char c; read(display_.get(), &c, 1) == 1 && c != '\n';) number += c;
+        ASSERT_FALSE(number.empty()) << "Xvfb did not start (package xvfb, scripts/packages)";
+        setenv("DISPLAY", (":" + number).c_str(), 1);
         setenv("NO_AT_BRIDGE", "1", 1);
+        unsetenv("WAYLAND_DISPLAY");
     }
-    void TearDown() override { unsetenv("DISPLAY"); }
-
-    struct Outcome {
-        AlertAnswer answer;
-        std::vector<unsigned> uids;
-        std::vector<std::string> arguments;
-    };
-    // Shows the panel, notes who shows it and how, then types the keys.
-    Outcome Show(std::uint32_t user, const std::string& title, const std::optional<std::string>& alternate,
-                 std::vector<std::string> keys) {
+    void TearDown() override {
+        kill(xvfb_, SIGTERM);
+        waitpid(xvfb_, nullptr, 0);
+    }
+    // Shows a panel as `user`, notes who shows it and how, then types the keys.
+    std::string Show(const std::string& title, const std::optional<std::string>& alternate,
+                     std::vector<std::string> keys, std::pair<std::string, std::vector<std::string>>* shown = nullptr) {
         AlertPanel& panel = platform::Use<AlertPanel>();
-        panel.SharedApplication(user);
+        panel.SharedApplication(kNobody);
         auto answer = std::async(std::launch::async, [&] {
             return panel.RunAlertPanel(title, "Remove <b>all</b> & everything?", "No", alternate);
         });
-        Outcome outcome;
-        std::string window = display_.WaitForWindow(title);
+        std::string pattern = "^";
+        for (char c : title) pattern += std::string(std::strchr("\\^$.|?*+()[]{}", c) ? "\\" : "") + c;
+        std::string window = Xdotool({"search", "--sync", "--limit", "1", "--name", pattern + "$"});
         EXPECT_FALSE(window.empty()) << "no window titled " << title;
-        if (!window.empty()) {
-            pid_t pid = display_.WindowProcess(window);
-            outcome.uids = UserIdsOf(pid);
-            outcome.arguments = ArgumentsOf(pid);
-            display_.PressKeys(window, std::move(keys));
-        }
+        if (shown) *shown = Process(std::atoi(Xdotool({"getwindowpid", window}).c_str()));
+        Xdotool({"windowfocus", "--sync", window});
+        usleep(300 * 1000);
+        keys.insert(keys.begin(), "key");
+        Xdotool(keys);
         if (answer.wait_for(std::chrono::seconds(20)) != std::future_status::ready) {
             ADD_FAILURE() << "the panel did not close";
-            StopProcessesWithArgument("--title=" + title);
+            Xdotool({"windowkill", window});
         }
-        outcome.answer = answer.get();
-        return outcome;
+        return Describe(answer.get());
     }
 
-    VirtualDisplay display_;
+    pid_t xvfb_ = -1;
+    platform::UniqueFd display_;
 };
 
-TEST_F(AlertPanelOnDisplay, QuestionRunsAsTheUserWithItsTextsVerbatimReturnSaysNoAndTheOtherButtonYes) {
+TEST_F(AlertPanelOnDisplay, TheUserIsAskedWithTheTextsVerbatimAndReturnGivesTheDefault) {
     const std::string title = "Quorvik \"$(touch /tmp/qvk-owned)\" `id` \\ ;";
-    Outcome outcome = Show(kNobody, title, "Yes", {"Return"});
-    EXPECT_EQ(Describe(outcome.answer), "default asked zenity");
-    EXPECT_THAT(outcome.uids, ElementsAre(kNobody, kNobody, kNobody, kNobody));
-    ASSERT_FALSE(outcome.arguments.empty());
-    EXPECT_THAT(std::vector<std::string>(outcome.arguments.begin() + 1, outcome.arguments.end()),
+    std::pair<std::string, std::vector<std::string>> shown;
+    EXPECT_EQ(Show(title, "Yes", {"Return"}, &shown), "default asked zenity");
+    EXPECT_EQ(shown.first, "Uid:\t65534\t65534\t65534\t65534");
+    EXPECT_THAT(std::vector<std::string>(shown.second.begin() + 1, shown.second.end()),
                 ElementsAre("--question", "--no-markup", "--default-cancel", "--title=" + title,
                             "--text=Remove <b>all</b> & everything?", "--ok-label=Yes", "--cancel-label=No"));
     EXPECT_NE(access("/tmp/qvk-owned", F_OK), 0);
+    EXPECT_EQ(Show("Quorvik alternate", "Yes", {"Tab", "Return"}), "alternate asked zenity");
+    EXPECT_EQ(Show("Quorvik message", std::nullopt, {"Return"}, &shown), "default asked zenity");
+    EXPECT_THAT(shown.second, ::testing::Contains("--info"));
 
-    // The other button is the alternate answer.
-    EXPECT_EQ(Describe(Show(kNobody, "Quorvik alternate", "Yes", {"Tab", "Return"}).answer), "alternate asked zenity");
-}
-
-TEST_F(AlertPanelOnDisplay, AMessageHasOneButtonThatReturnPresses) {
-    Outcome outcome = Show(kNobody, "Quorvik message", std::nullopt, {"Return"});
-    EXPECT_EQ(Describe(outcome.answer), "default asked zenity");
-    ASSERT_FALSE(outcome.arguments.empty());
-    EXPECT_THAT(std::vector<std::string>(outcome.arguments.begin() + 1, outcome.arguments.end()),
-                ElementsAre("--info", "--no-markup", "--title=Quorvik message",
-                            "--text=Remove <b>all</b> & everything?", "--ok-label=No"));
-}
-
-TEST_F(AlertPanelOnDisplay, AUserWithoutAccountIsNotAskedAtAll) {
     AlertPanel& panel = platform::Use<AlertPanel>();
     panel.SharedApplication(3999999999u);
     EXPECT_EQ(Describe(panel.RunAlertPanel("Quorvik nobody", "?", "No", std::string("Yes"))),
               "default not asked zenity: could not start the panel: No such process");
 }
 
-// What a panel did in a child process of its own session, with a pseudo-terminal as its
-// controlling terminal (or none).
-struct TerminalRun {
-    std::string screen;
-    std::string result;
-};
-
-TerminalRun RunOnTerminal(bool withTerminal, std::uint32_t user, const std::optional<std::string>& alternate,
-                          const std::string& typed) {
-    TerminalRun run;
+// What a panel did in a child of its own session, with a pseudo-terminal as its controlling
+// terminal (or none): the screen and the answer.
+std::pair<std::string, std::string> OnTerminal(bool withTerminal, const std::optional<std::string>& alternate,
+                                               const std::string& typed) {
     int results[2], master = -1;
-    if (pipe(results) != 0) return run;
+    if (pipe(results) != 0) return {};
     pid_t pid = withTerminal ? forkpty(&master, nullptr, nullptr, nullptr) : fork();
-    if (pid < 0) {
-        ADD_FAILURE() << "no child with a pseudo-terminal";
-        return run;
-    }
     if (pid == 0) {
-        close(results[0]);
         if (!withTerminal) setsid();
         unsetenv("DISPLAY");
         unsetenv("WAYLAND_DISPLAY");
         AlertPanel& panel = platform::Use<AlertPanel>();
-        panel.SharedApplication(user);
+        panel.SharedApplication(kNobody);
         std::string text = Describe(
             panel.RunAlertPanel("Quorvik\x1b[2J", "Do you really want to deinstall Quorvik?", "No", alternate));
-        ssize_t ignored = write(results[1], text.data(), text.size());
-        (void)ignored;
-        _exit(0);
+        _exit(write(results[1], text.data(), text.size()) < 0);
     }
     close(results[1]);
-    if (withTerminal) {
-        // Read the prompt up to its end (waiting 20 s at most for each piece), then answer.
-        char buf[512];
-        pollfd ready{master, POLLIN, 0};
-        for (ssize_t n; run.screen.find("No) ") == std::string::npos && poll(&ready, 1, 20000) > 0 &&
-                        (n = read(master, buf, sizeof buf)) > 0;)
-            run.screen.append(buf, static_cast<std::size_t>(n));
-        ssize_t ignored = write(master, typed.data(), typed.size());
-        (void)ignored;
-    }
-    char buf[256];
-    for (ssize_t n; (n = read(results[0], buf, sizeof buf)) > 0;) run.result.append(buf, static_cast<std::size_t>(n));
-    close(results[0]);
+    platform::UniqueFd terminal(master), answer(results[0]);
+    std::string screen, result;
+    char buf[512];
+    // Reads the prompt up to its end (waiting 20 s at most for each piece), then answers.
+    pollfd ready{master, POLLIN, 0};
+    for (ssize_t n; withTerminal && screen.find(") ") == std::string::npos && poll(&ready, 1, 20000) > 0 &&
+                    (n = read(master, buf, sizeof buf)) > 0;)
+        screen.append(buf, static_cast<std::size_t>(n));
+    if (withTerminal && write(master, typed.data(), typed.size()) < 0) ADD_FAILURE() << "cannot type";
+    for (ssize_t n; (n = read(answer.get(), buf, sizeof buf)) > 0;) result.append(buf, static_cast<std::size_t>(n));
     waitpid(pid, nullptr, 0);
-    if (master >= 0) close(master);
-    return run;
+    return {screen, result};
 }
 
-TEST(AlertPanelOnTerminal, TakesOnlyTheAlternateLabelAsYes) {
-    TerminalRun yes = RunOnTerminal(true, kNobody, "Yes", "  yes \n");
-    EXPECT_EQ(yes.result, "alternate asked terminal");
+TEST(AlertPanelOnTerminal, TakesOnlyTheAlternateLabelInAnyCaseAsTheAlternateAnswer) {
+    auto [screen, result] = OnTerminal(true, "Zap", "  zAP \n");
+    EXPECT_EQ(result, "alternate asked terminal");
     // The escape sequence in the title reaches the terminal defused.
-    EXPECT_THAT(yes.screen, ::testing::HasSubstr("Quorvik?[2J"));
-    EXPECT_THAT(yes.screen, ::testing::HasSubstr("Do you really want to deinstall Quorvik?"));
-    EXPECT_THAT(yes.screen, ::testing::HasSubstr("(Yes / No, Return: No) "));
-
-    EXPECT_EQ(RunOnTerminal(true, kNobody, "Yes", "\n").result, "default asked terminal");
-    EXPECT_EQ(RunOnTerminal(true, kNobody, "Yes", "y\n").result, "default asked terminal");
-    EXPECT_EQ(RunOnTerminal(true, kNobody, "Yes", std::string(300, 'x') + "Yes\n").result, "default asked terminal");
-    EXPECT_EQ(RunOnTerminal(true, 0, std::nullopt, "\n").result, "default asked terminal");
-}
-
-TEST(AlertPanelOnTerminal, NoDisplayAndNoTerminalGivesTheDefault) {
-    EXPECT_EQ(RunOnTerminal(false, 0, "Yes", "").result, "default not asked no display and no terminal");
+    EXPECT_THAT(screen, ::testing::HasSubstr("Quorvik?[2J"));
+    EXPECT_THAT(screen, ::testing::HasSubstr("Do you really want to deinstall Quorvik?"));
+    EXPECT_THAT(screen, ::testing::HasSubstr("(Zap / No, Return: No) "));
+    for (const std::string& typed : {std::string("\n"), std::string("z\n"), std::string(300, 'x') + "Zap\n"})
+        EXPECT_EQ(OnTerminal(true, "Zap", typed).second, "default asked terminal") << typed;
+    EXPECT_EQ(OnTerminal(true, std::nullopt, "\n").second, "default asked terminal");
+    EXPECT_EQ(OnTerminal(false, "Zap", "").second, "default not asked no display and no terminal");
 }
 
 }  // namespace

@@ -1,21 +1,20 @@
-// Children as the kernel sees them: identity, descriptors, signals, and the shell's search and
-// identity rules for commands run without a shell.
+// Children and the process identity as the kernel sees them: a child's identity, descriptors and
+// signals, the shell's search rules, the running file reached through its descriptor, and a user's
+// whole identity taken at once.
 #include <fcntl.h>
 #include <gmock/gmock.h>
+#include <grp.h>
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 
 #include "../unit/test_support.h"
+#include "platform/account.h"
 #include "platform/processes.h"
-#include "platform/shell.h"
+#include "platform/unique_fd.h"
 
 namespace qvk::test {
 namespace {
-
-using ::testing::HasSubstr;
-using ::testing::Not;
 
 constexpr std::uint32_t kNobody = 65534;
 
@@ -29,38 +28,31 @@ TEST(Processes, AChildHasTheUsersIdentityOnlyTheStandardDescriptorsAndDefaultSig
     ASSERT_EQ(geteuid(), 0u) << "this test needs root to start a child as another user";
     RunInChild([] {
         // What a careless parent would hand down: an open descriptor, an ignored and a blocked signal.
-        constexpr int kLeaked = 100;
-        ASSERT_EQ(dup2(STDIN_FILENO, kLeaked), kLeaked);
+        ASSERT_EQ(dup2(STDIN_FILENO, 100), 100);
         signal(SIGTERM, SIG_IGN);
         sigset_t blocked;
         sigemptyset(&blocked);
         sigaddset(&blocked, SIGUSR1);
         sigprocmask(SIG_BLOCK, &blocked, nullptr);
-
-        auto run = [](std::vector<std::string> arguments) {
-            platform::ChildProgram child{arguments.front(),
-                                         arguments,
-                                         {"PATH=/usr/bin:/bin", "HOME=/root", "USER=root", "KEPT=yes"},
-                                         kNobody,
-                                         false};
-            int status = -1;
-            std::string output = OutputOf(child, status);
-            EXPECT_EQ(status, 0) << arguments.back();
-            return output;
-        };
-        EXPECT_EQ(run({"sh", "-c", "id -u; id -G; echo \"$HOME $USER $KEPT\""}),
-                  "65534\n65534\n/nonexistent nobody yes\n");
-        EXPECT_EQ(run({"grep", "-E", "^Sig(Blk|Ign)", "/proc/self/status"}),
+        platform::ChildProgram child{"sh",
+                                     {"sh", "-c",
+                                      "id -u; id -G; echo $HOME $USER $KEPT; ls /proc/self/fd; grep -E "
+                                      "'^Sig(Blk|Ign)' /proc/self/status"},
+                                     {"PATH=/usr/bin:/bin", "HOME=/root", "USER=root", "KEPT=yes"},
+                                     kNobody,
+                                     false};
+        int status = -1;
+        EXPECT_EQ(OutputOf(child, status),
+                  "65534\n65534\n/nonexistent nobody yes\n0\n1\n2\n3\n"
                   "SigBlk:\t0000000000000000\nSigIgn:\t0000000000000000\n");
-        EXPECT_THAT(Lines(run({"ls", "/proc/self/fd"})), Not(::testing::Contains(std::to_string(kLeaked))));
+        EXPECT_EQ(status, 0);
     });
 }
 
-TEST(Processes, ABareNameIsSearchedAsTheShellSearchesIt) {
+TEST(Processes, ABareNameIsSearchedAsTheShellSearchesItAndLeavesTheIdentityTheShellWould) {
+    ASSERT_EQ(geteuid(), 0u) << "this test needs root to start with differing user ids";
     TempDir dir;
     std::string locked = dir.path() + "/locked", open = dir.path() + "/open";
-    std::filesystem::create_directories(locked);
-    std::filesystem::create_directories(open);
     // Not executable where it is found first; a script without "#!" where it is found next.
     WriteFile(locked + "/qvk-tool", "echo wrong\n");
     WriteFile(open + "/qvk-tool", "echo \"script $1\"\n");
@@ -68,28 +60,60 @@ TEST(Processes, ABareNameIsSearchedAsTheShellSearchesIt) {
     platform::ChildProgram child{"qvk-tool", {"qvk-tool", "one"}, {"PATH=" + locked + ":" + open}, std::nullopt, false};
     int status = -1;
     EXPECT_EQ(OutputOf(child, status), "script one\n");
-    EXPECT_EQ(status, 0);
-
     child.environment = {"PATH=" + locked};
     EXPECT_EQ(OutputOf(child, status), "");
     EXPECT_EQ(status, -1);
     EXPECT_EQ(errno, EACCES);
-
     auto& shell = platform::Use<platform::Shell>();
     EXPECT_EQ(shell.System("qvk-no-such-tool \"a b\""), W_EXITCODE(127, 0));
     EXPECT_EQ(shell.System("\"" + locked + "/qvk-tool\""), W_EXITCODE(126, 0));
-}
-
-TEST(Shell, ACommandRunWithoutAShellLeavesTheIdentityTheShellWould) {
-    ASSERT_EQ(geteuid(), 0u) << "this test needs root to start with differing user ids";
-    RunInChild([] {
+    RunInChild([&shell, &status] {
         // As a Launcher started set-user-id below 10.6: real user nobody, effective super-user.
         ASSERT_EQ(setresuid(kNobody, 0, 0), 0);
-        int status = -1;
-        EXPECT_EQ(platform::Use<platform::Shell>().Output("/usr/bin/id -u", status), "65534\n");
-        EXPECT_EQ(platform::Use<platform::Shell>().Output("/usr/bin/id -u | cat", status), "65534\n");
-        ASSERT_EQ(setresuid(0, 0, 0), 0);
-        EXPECT_EQ(platform::Use<platform::Shell>().Output("/usr/bin/id -u", status), "0\n");
+        EXPECT_EQ(shell.Output("/usr/bin/id -u", status), "65534\n");
+        EXPECT_EQ(shell.Output("/usr/bin/id -u | cat", status), "65534\n");
+    });
+}
+
+TEST(ProcessIdentity, TheRunningFileIsChangedAndExecutedThroughItsDescriptorWhateverItsPathNamesMeanwhile) {
+    ASSERT_EQ(geteuid(), 0u) << "this test needs root: it changes owners";
+    TempDir dir;
+    std::string path = dir.path() + "/Launcher", moved = dir.path() + "/Moved";
+    std::filesystem::copy_file("/bin/sh", path);
+    platform::UniqueFd file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    // The file goes elsewhere, and a program of somebody else's takes its path.
+    std::filesystem::rename(path, moved);
+    WriteFile(path, "#!/bin/sh\necho planted\n");
+    ASSERT_EQ(chmod(path.c_str(), 0755), 0);
+    auto& process = platform::Use<platform::ProcessIdentity>();
+    EXPECT_EQ(process.ChangeOwner(file.get(), kNobody, kNobody), 0);
+    EXPECT_EQ(process.ChangeMode(file.get(), 0711), 0);
+    EXPECT_EQ(OwnerAndMode(moved), "65534:65534 711");
+    EXPECT_EQ(OwnerAndMode(path), "0:0 755");
+    std::string out = dir.path() + "/out";
+    WriteFile(out, "");
+    ASSERT_EQ(chmod(dir.path().c_str(), 0755) | chmod(out.c_str(), 0666), 0);
+    RunInChild([&] {
+        // The new image is the moved file, and it is the user's whole identity that it runs with.
+        const gid_t foreign[] = {4, 27};
+        setenv("HOME", "/tmp/the-callers-choice", 1);
+        ASSERT_EQ(setgroups(2, foreign), 0);
+        ASSERT_EQ(process.BecomeUser(kNobody), 0);
+        std::string script = "echo $(id -u) $(id -G) $HOME >" + out;
+        char* const argv[] = {const_cast<char*>("sh"), const_cast<char*>("-c"), script.data(), nullptr};
+        process.Execute(file.get(), argv, environ);
+    });
+    std::optional<platform::Account> nobody = platform::LookUpAccount(kNobody);
+    ASSERT_TRUE(nobody);
+    std::string groups = Format("%u", nobody->gid);
+    for (gid_t group : nobody->groups)
+        if (group != nobody->gid) groups += Format(" %u", group);
+    EXPECT_EQ(ReadFile(out), Format("65534 %@ %@\n", groups, nobody->home));
+    RunInChild([] {
+        ASSERT_EQ(setgroups(1, std::array<gid_t, 1>{27}.data()), 0);
+        ASSERT_EQ(platform::Use<platform::ProcessIdentity>().BecomeUser(0), 0);
+        EXPECT_EQ(getgroups(0, nullptr), 0) << "the super-user keeps no group";
+        EXPECT_EQ(getegid(), 0u);
     });
 }
 

@@ -1,18 +1,15 @@
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <cstdio>
-#include <cstdlib>
 #include <deque>
-#include <filesystem>
 
 #include "framework/privileges/drop_privileges.h"
 #include "framework/privileges/setuid.h"
+#include "framework/privileges/standard_descriptors.h"
 #include "language_environment.h"
-#include "platform/account.h"
 #include "platform/alert_panel.h"
-#include "platform/process_identity.h"
+#include "platform/path.h"
 #include "test_support.h"
 
 namespace qvk::test {
@@ -24,24 +21,12 @@ class HandleSetuid : public ::testing::Test {
 protected:
     std::uint32_t Run(RecordingProcess& process, std::vector<std::string> args) {
         platform::Replace<platform::ProcessIdentity> useProcess(process);
-        argv_.clear();
-        for (std::string& a : args) argv_.push_back(a);
+        args.insert(args.begin(), kExecutable);
+        argv_.assign(args.begin(), args.end());
         std::vector<char*> pointers;
         for (std::string& a : argv_) pointers.push_back(a.data());
         pointers.push_back(nullptr);
         return QVK_Framework_HandleSetuid(static_cast<int>(argv_.size()), pointers.data());
-    }
-    // The arguments the user's start hands over with.
-    std::vector<std::string> HandedOver(std::vector<std::string> args, std::uint32_t user = 501) {
-        RecordingProcess process(user, 0);
-        args.insert(args.begin(), kExecutable);
-        EXPECT_THROW(Run(process, args), ImageReplaced);
-        return process.arguments;
-    }
-    void Localize(const char* preferred) {
-        std::filesystem::create_directories(folder_.path() + "/Launcher.app/Contents/Resources/de.lproj");
-        std::filesystem::create_directories(folder_.path() + "/Launcher.app/Contents/Resources/fr.lproj");
-        languages_.Set("LANGUAGE", preferred);
     }
 
     static constexpr const char* kExecutable = "/Applications/X.app/Launcher.app/Contents/MacOS/Launcher";
@@ -58,65 +43,31 @@ protected:
     std::deque<std::string> argv_;
 };
 
-TEST_F(HandleSetuid, UserStartReexecutesTheRunningFileAsTheSuperUserWithUidAndLanguage) {
-    Localize("fr:de");
-    RecordingProcess process(501, 0);
-    EXPECT_THROW(Run(process, {kExecutable, "--qvk-uninstall"}), ImageReplaced);
-    // Groups go with the user id; the file is reached through the bundle's descriptor only.
-    EXPECT_THAT(process.calls, ElementsAre("become 0", "chmod 755 <42>", "execve <42>"));
-    EXPECT_THAT(process.arguments, ElementsAre(kExecutable, "--qvk-uninstall", "--uid", "501", "--lang", "fr"));
-    EXPECT_THAT(
-        logger_.LogLines(),
-        ElementsAre("../../Framework/Framework/Apple/Setuid:25(Trace): QVK_Framework_HandleSetuid: uid: 501 euid: 0"));
-}
-
-TEST_F(HandleSetuid, TheUsersOwnHandOverOptionsAreDroppedSoThePrivilegedRunActsForTheStartingUser) {
-    Localize("fr");
-    struct Case {
-        std::vector<std::string> given, kept;
-    };
-    const Case cases[] = {
+TEST_F(HandleSetuid, TheUsersStartReexecutesTheRunningFileForThatUserAloneWithItsLanguage) {
+    std::filesystem::create_directories(folder_.path() + "/Launcher.app/Contents/Resources/de.lproj");
+    std::filesystem::create_directories(folder_.path() + "/Launcher.app/Contents/Resources/fr.lproj");
+    languages_.Set("LANGUAGE", "fr:de");
+    // The user's own hand-over options go, each with what the privileged run would take as its value.
+    const std::pair<std::vector<std::string>, std::vector<std::string>> cases[] = {
+        {{"--qvk-uninstall"}, {"--qvk-uninstall"}},
         {{"--qvk-uninstall", "--uid"}, {"--qvk-uninstall"}},
-        {{"--qvk-uninstall", "--uid", "0", "--lang"}, {"--qvk-uninstall"}},
         {{"--uid", "0", "--lang", "x", "--qvk-drivers-uninstall"}, {"--qvk-drivers-uninstall"}},
-        // Each option takes what the privileged run's scan would take as its value, option or not.
         {{"--lang", "--uid", "7"}, {"7"}},
-        {{"--uid", "--qvk-uninstall", "--lang"}, {}},
         {{"--uidx", "--LANG", "x", "-uid", "7"}, {"--uidx", "--LANG", "x", "-uid", "7"}},
     };
-    for (const Case& c : cases) {
-        std::vector<std::string> handedOver = HandedOver(c.given);
+    for (const auto& [given, kept] : cases) {
+        RecordingProcess process(501, 0);
+        EXPECT_THROW(Run(process, given), ImageReplaced);
+        // Groups go with the user id; the file is reached through the bundle's descriptor only.
+        EXPECT_THAT(process.calls, ElementsAre("become 0", "chmod 755 <42>", "execve <42>"));
         std::vector<std::string> expected{kExecutable};
-        expected.insert(expected.end(), c.kept.begin(), c.kept.end());
+        expected.insert(expected.end(), kept.begin(), kept.end());
         expected.insert(expected.end(), {"--uid", "501", "--lang", "fr"});
-        EXPECT_EQ(handedOver, expected) << ::testing::PrintToString(c.given);
+        EXPECT_EQ(process.arguments, expected) << ::testing::PrintToString(given);
         RecordingProcess privileged(0, 0);
-        EXPECT_EQ(Run(privileged, handedOver), 501u) << ::testing::PrintToString(c.given);
+        EXPECT_EQ(Run(privileged, {process.arguments.begin() + 1, process.arguments.end()}), 501u);
         EXPECT_STREQ(QVK_PreferredLanguage, "fr");
     }
-}
-
-TEST_F(HandleSetuid, TheHomeFolderIsTheOneTheAccountDatabaseGivesTheUser) {
-    const char* saved = std::getenv("HOME");
-    std::string savedHome = saved ? saved : "";
-    auto homeHandedOver = [&](std::uint32_t user) {
-        setenv("HOME", "/tmp/chosen-by-the-caller", 1);
-        RecordingProcess process(user, 0);
-        EXPECT_THROW(Run(process, {kExecutable}), ImageReplaced);
-        auto home = std::find_if(process.environment.begin(), process.environment.end(),
-                                 [](const std::string& entry) { return entry.starts_with("HOME="); });
-        return home == process.environment.end() ? std::string("no HOME") : *home;
-    };
-    std::optional<platform::Account> nobody = platform::LookUpAccount(65534);
-    std::string nobodysHome = homeHandedOver(65534);
-    std::string strangersHome = homeHandedOver(3999999);
-    if (saved)
-        setenv("HOME", savedHome.c_str(), 1);
-    else
-        unsetenv("HOME");
-    ASSERT_TRUE(nobody.has_value());
-    EXPECT_EQ(nobodysHome, "HOME=" + nobody->home);
-    EXPECT_EQ(strangersHome, "HOME=/");
 }
 
 // Shows each change of mode on standard error, where a death test can see it.
@@ -132,84 +83,51 @@ public:
 TEST_F(HandleSetuid, AFailedReexecutionPutsTheBitBackAndIsAnAssertion) {
     LoudProcess process(501, 0);
     process.failExecute = true;
-    EXPECT_DEATH(Run(process, {kExecutable, std::string(200, 'x')}),
-                 "chmod 755 <42>\nchmod 4755 <42>\n.*Assertion failed: \\(NO\\), function QVK_Framework_HandleSetuid, "
-                 "file \\.\\./\\.\\./Framework/Framework/Apple/Setuid, line 79\\.");
+    EXPECT_DEATH(Run(process, {}),
+                 "chmod 755 <42>\nchmod 4755 <42>\n.*Assertion failed: \\(NO\\), function "
+                 "QVK_Framework_HandleSetuid, file \\.\\./\\.\\./Framework/Framework/Apple/Setuid, "
+                 "line 79\\.");
 }
 
-TEST_F(HandleSetuid, PrivilegedRunRestoresTheBitAndReadsItsOptionsStrictly) {
+TEST_F(HandleSetuid, ThePrivilegedRunRestoresTheBitAndTakesOnlyAWhollyDecimalUid) {
     RecordingProcess process(0, 0);
-    EXPECT_EQ(Run(process, {kExecutable, "--qvk-uninstall", "--uid", "501", "--lang", "de"}), 501u);
+    EXPECT_EQ(Run(process, {"--uid", "501", "--lang", "de"}), 501u);
     EXPECT_THAT(process.calls, ElementsAre("chown 0:0 <42>", "chmod 4755 <42>"));
     EXPECT_STREQ(QVK_PreferredLanguage, "de");
     // Started by path: the super-user's own start, whatever it asks for.
     EXPECT_EQ(QVK_Framework_SetuidStartingUser, std::nullopt);
-
-    // Only a wholly decimal uid counts, the last one given wins, and a trailing option is ignored.
-    auto uidOf = [&](std::vector<std::string> options) {
-        RecordingProcess process(0, 0);
-        options.insert(options.begin(), kExecutable);
-        return Run(process, options);
+    const std::pair<std::vector<std::string>, std::uint32_t> cases[] = {
+        {{"--uid", "12x"}, 0},
+        {{"--uid", "501", "--uid", "12x"}, 501},
+        {{"--uid", "7", "--uid", "9"}, 9},
+        {{"--uid", "-1"}, 0},
+        {{"--uid", " 5"}, 0},
+        {{"--uid", "4294967295"}, 0},
+        {{"--uid"}, 0},
+        {{"--uid", "4294967294"}, 4294967294u},
+        {{"--lang", "--uid", "5"}, 0},
     };
-    EXPECT_EQ(uidOf({"--uid", "12x"}), 0u);
-    EXPECT_EQ(uidOf({"--uid", "501", "--uid", "12x"}), 501u);
-    EXPECT_EQ(uidOf({"--uid", "7", "--uid", "9"}), 9u);
-    EXPECT_EQ(uidOf({"--uid", "-1"}), 0u);
-    EXPECT_EQ(uidOf({"--uid", " 5"}), 0u);
-    EXPECT_EQ(uidOf({"--uid", "4294967296"}), 0u);
-    EXPECT_EQ(uidOf({"--uid", "4294967294"}), 4294967294u);
-    EXPECT_EQ(uidOf({"--uid"}), 0u);
-    // The value after "--lang" is consumed, so a "--uid" there is no option.
-    EXPECT_EQ(uidOf({"--lang", "--uid", "5"}), 0u);
-    EXPECT_STREQ(QVK_PreferredLanguage, "--uid");
-    QVK_PreferredLanguage = nullptr;
-    EXPECT_EQ(uidOf({"--uid", "501", "--lang"}), 501u);
-    EXPECT_EQ(QVK_PreferredLanguage, nullptr);
-
+    for (const auto& [options, uid] : cases) {
+        RecordingProcess root(0, 0);
+        EXPECT_EQ(Run(root, options), uid) << ::testing::PrintToString(options);
+    }
     // Handed over from a user's start: that user started it.
     RecordingProcess handedOver(0, 0);
     handedOver.fromDescriptor = true;
-    EXPECT_EQ(Run(handedOver, {kExecutable, "--uid", "501"}), 501u);
+    EXPECT_EQ(Run(handedOver, {"--uid", "501"}), 501u);
     EXPECT_EQ(QVK_Framework_SetuidStartingUser, 501u);
 }
 
-TEST_F(HandleSetuid, WithoutEffectiveSuperUserOrBelowTenSixNothingChanges) {
-    RecordingProcess process(501, 501);
-    EXPECT_EQ(Run(process, {kExecutable, "--uid", "7", "--lang", "de"}), 0u);
-    EXPECT_TRUE(process.calls.empty());
-    EXPECT_EQ(QVK_PreferredLanguage, nullptr);
-    EXPECT_EQ(QVK_Framework_SetuidStartingUser, std::nullopt);
-    EXPECT_THAT(logger_.MessagesOf("QVK_Framework_HandleSetuid"), ElementsAre("uid: 501 euid: 501"));
-
-    // Below 10.6 the real user is returned as it is; a set-user-id start is that user's.
+TEST_F(HandleSetuid, BelowTenSixTheRealUserIsReturnedAndNothingChanges) {
     FakeGestalt leopard{0x1058};
     platform::Replace<platform::Gestalt> useLeopard(leopard);
     RecordingProcess superUser(0, 0);
-    EXPECT_EQ(Run(superUser, {kExecutable, "--uid", "7"}), 0u);
+    EXPECT_EQ(Run(superUser, {"--uid", "7"}), 0u);
     EXPECT_EQ(QVK_Framework_SetuidStartingUser, std::nullopt);
     RecordingProcess userStart(501, 0);
-    EXPECT_EQ(Run(userStart, {kExecutable, "--uid", "7"}), 501u);
+    EXPECT_EQ(Run(userStart, {"--uid", "7"}), 501u);
     EXPECT_EQ(QVK_Framework_SetuidStartingUser, 501u);
-    EXPECT_TRUE(userStart.calls.empty());
-    EXPECT_TRUE(superUser.calls.empty());
-}
-
-TEST(DropPrivileges, BecomesTheEffectiveOrElseTheRealUser) {
-    CapturingLogger logger;
-    auto drop = [](std::uint32_t real, std::uint32_t effective) {
-        RecordingProcess process(real, effective);
-        platform::Replace<platform::ProcessIdentity> useProcess(process);
-        QVK_Framework_DropPrivileges();
-        return process.calls;
-    };
-    EXPECT_THAT(drop(501, 0), ElementsAre("become 501"));
-    EXPECT_THAT(drop(0, 502), ElementsAre("become 502"));
-    EXPECT_TRUE(drop(0, 0).empty());
-    std::string entered = "../../Framework/Framework/DropPrivileges:16(Trace): QVK_Framework_DropPrivileges";
-    std::string done = "../../Framework/Framework/DropPrivileges:29(Trace): QVK_Framework_DropPrivileges: real uid: ";
-    EXPECT_THAT(logger.LogLines(),
-                ElementsAre(entered, done + "501, effective uid: 501", entered, done + "502, effective uid: 502",
-                            entered, done + "0, effective uid: 0"));
+    EXPECT_TRUE(userStart.calls.empty() && superUser.calls.empty());
 }
 
 // Notes the user the shared application object was obtained for, in the process's call list.
@@ -226,22 +144,37 @@ private:
     RecordingProcess& process_;
 };
 
-TEST(SharedAppAndDropPrivileges, OrderDependsOnTheSystemVersion) {
-    // The calls made, and "returned" when the application object is handed back.
-    auto run = [](std::uint32_t version, std::uint32_t real, std::uint32_t userId) {
+TEST(DropPrivileges, TheUserAndTheOrderOfTheChangeDependOnTheSystemVersion) {
+    auto run = [](std::uint32_t version, std::uint32_t real, std::uint32_t effective, std::uint32_t userId) {
         FakeGestalt gestalt{version};
         platform::Replace<platform::Gestalt> useGestalt(gestalt);
-        RecordingProcess process(real, 0);
+        RecordingProcess process(real, effective);
         platform::Replace<platform::ProcessIdentity> useProcess(process);
         RecordingApplication application(process);
-        if (QVK_Framework_SharedAppAndDropPrivileges(application, userId) == &application)
+        if (userId == 1)
+            QVK_Framework_DropPrivileges();
+        else if (QVK_Framework_SharedAppAndDropPrivileges(application, userId) == &application)
             process.calls.push_back("returned");
         return process.calls;
     };
-    EXPECT_THAT(run(0x1058, 501, 777), ElementsAre("become 501", "shared app 501", "returned"));
-    EXPECT_THAT(run(0x1058, 0, 777), ElementsAre("shared app 0", "returned"));
-    EXPECT_THAT(run(0x1068, 501, 777), ElementsAre("shared app 777", "become 777"));
-    EXPECT_THAT(run(0x1090, 501, 0), ElementsAre("shared app 0"));
+    EXPECT_THAT(run(0x1058, 501, 0, 1), ElementsAre("become 501"));
+    EXPECT_THAT(run(0x1058, 0, 502, 1), ElementsAre("become 502"));
+    EXPECT_THAT(run(0x1058, 0, 0, 1), ElementsAre());
+    EXPECT_THAT(run(0x1058, 501, 0, 777), ElementsAre("become 501", "shared app 501", "returned"));
+    EXPECT_THAT(run(0x1058, 0, 0, 777), ElementsAre("shared app 0", "returned"));
+    EXPECT_THAT(run(0x1068, 501, 0, 777), ElementsAre("shared app 777", "become 777"));
+    EXPECT_THAT(run(0x1090, 501, 0, 0), ElementsAre("shared app 0"));
+}
+
+TEST(StandardDescriptors, TheSuperUsersClosedStandardDescriptorsAreOpenedOnDevNull) {
+    RunInChild([] {
+        close(STDIN_FILENO);
+        close(STDERR_FILENO);
+        QVK_Framework_OpenStandardDescriptors();
+        EXPECT_EQ(fcntl(STDIN_FILENO, F_GETFD), 0);
+        EXPECT_EQ(fcntl(STDERR_FILENO, F_GETFD), 0);
+        EXPECT_EQ(platform::ReadLink("/proc/self/fd/2"), "/dev/null");
+    });
 }
 
 }  // namespace
