@@ -1,5 +1,5 @@
 // Files on the real kernel: the home user's file-system identity taken by one thread, property
-// lists and the system version file read through the library, links and the working directory.
+// lists and the system version file read through the library.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -10,7 +10,6 @@
 #include "../unit/test_support.h"
 #include "platform/home_user.h"
 #include "platform/linux/system_version_file.h"
-#include "platform/path.h"
 
 namespace qvk::test {
 namespace {
@@ -89,9 +88,6 @@ TEST(PropertyList, ListsAreReadWholeAndHostileOnesRefused) {
     for (int i = 0; i < 3; ++i) expanded = Value(Array{expanded, expanded});
     EXPECT_EQ(platform::ParsePropertyList(SharedArrays(3)), expanded);
     EXPECT_EQ(platform::ParsePropertyList(SharedArrays(40)), std::nullopt);
-    std::string nested;
-    for (int i = 0; i < 200; ++i) nested.insert(nested.size() / 2, "<array></array>");
-    EXPECT_EQ(platform::ParsePropertyList("<plist>" + nested + "</plist>"), std::nullopt);
     // A NUL ends a text; a UTF-16 key holding one, which the library cannot read, refuses the list.
     const std::string utf16 = "\x63\0a\0\0\0b"s;
     EXPECT_EQ(platform::ParsePropertyList(BinaryList({"\x51k", utf16, "\xD1\x00\x01"s})),
@@ -119,29 +115,6 @@ TEST(SystemVersionFile, MapsReleasesToTheCappedNumber) {
     // Without the file the system counts as 10.15.0.
     auto missing = platform::ReadSystemVersionFile(dir.path() + "/none.plist");
     EXPECT_EQ(missing ? platform::SystemVersionNumber(*missing) : std::nullopt, 0x1090u);
-}
-
-TEST(Paths, LinkTargetsAndTheWorkingDirectoryAreReadWholeAtAnyLength) {
-    EXPECT_EQ(platform::ParentFolder("/a/b.app//"), "/a");
-    EXPECT_EQ(platform::ParentFolder("/b.app"), "/");
-    EXPECT_EQ(platform::ParentFolder("b.app"), "") << "a bare name names no folder, not the working one";
-    TempDir dir;
-    // 255, 256 and 257 bytes border on the first buffer; 2000 needs it to grow several times.
-    for (std::size_t length : {255u, 256u, 257u, 2000u}) {
-        std::string target(length, 't');
-        target[0] = '/';
-        std::string link = dir.path() + "/link" + std::to_string(length);
-        ASSERT_EQ(symlink(target.c_str(), link.c_str()), 0);
-        EXPECT_EQ(platform::ReadLink(link), target);
-    }
-    std::string deep = dir.path();
-    while (deep.size() < 700) deep += "/" + std::string(60, 'd');
-    std::filesystem::create_directories(deep);
-    std::string saved = std::filesystem::current_path();
-    ASSERT_EQ(chdir(deep.c_str()), 0);
-    std::optional<std::string> working = platform::WorkingDirectory();
-    ASSERT_EQ(chdir(saved.c_str()), 0);
-    EXPECT_EQ(working, std::filesystem::canonical(deep).string());
 }
 
 }  // namespace

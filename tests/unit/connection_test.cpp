@@ -29,47 +29,6 @@ TEST(ConnectionName, KeepsAllowedCharactersFoldsRunsOfOthersAndElseTakesTheSigne
     }
 }
 
-// Wraps the file store and records what the removal does with its reference; can fail applying.
-class RecordingStore : public platform::SystemPreferencesStore {
-public:
-    explicit RecordingStore(const std::string& path) : file_(path) {}
-    std::unique_ptr<platform::SystemPreferences> Create(const std::string& clientName) override {
-        calls.push_back("Create " + clientName);
-        auto real = file_.Create(clientName);
-        return real ? std::make_unique<Reference>(*this, std::move(real)) : nullptr;
-    }
-    std::vector<std::string> calls;
-    bool failApply = false;
-
-private:
-    class Reference : public platform::SystemPreferences {
-    public:
-        Reference(RecordingStore& store, std::unique_ptr<platform::SystemPreferences> real)
-            : store_(store), real_(std::move(real)) {}
-        bool Lock(bool wait) override { return Note(wait ? "Lock wait" : "Lock", real_->Lock(wait)); }
-        bool Unlock() override { return Note("Unlock", real_->Unlock()); }
-        std::optional<Value> GetValue(const std::string& key) override { return real_->GetValue(key); }
-        std::optional<Dictionary> PathGetValue(const std::string& path) override { return real_->PathGetValue(path); }
-        bool PathSetValue(const std::string& path, const Dictionary& value) override {
-            return Note("Set " + path, real_->PathSetValue(path, value));
-        }
-        bool PathRemoveValue(const std::string& path) override {
-            return Note("Remove " + path, real_->PathRemoveValue(path));
-        }
-        bool CommitChanges() override { return Note("Commit", real_->CommitChanges()); }
-        bool ApplyChanges() override { return Note("Apply", !store_.failApply && real_->ApplyChanges()); }
-
-    private:
-        bool Note(const std::string& call, bool ok) {
-            store_.calls.push_back(call + (ok ? "" : " failed"));
-            return ok;
-        }
-        RecordingStore& store_;
-        std::unique_ptr<platform::SystemPreferences> real_;
-    };
-    platform::SystemPreferencesFile file_;
-};
-
 // The current set uses the modem's service and lists it twice in its order; another set too.
 Dictionary NetworkPreferences() {
     auto set = [] {
@@ -91,80 +50,53 @@ Dictionary& At(Dictionary& root, std::initializer_list<const char*> path) {
     return *at;
 }
 
-class ConnectionDelete : public ::testing::Test {
-protected:
-    // The removal with a reference of its own; the file must stay byte for byte when it fails.
-    std::int32_t Remove(const Dictionary& root) {
-        WritePlist(path_, root);
-        std::string before = ReadFile(path_);
-        store_.calls.clear();
-        std::int32_t result = Privileged_InstallConnection(nullptr, nullptr, "Quorvik_Modem-1");
-        EXPECT_TRUE(result == 0 || ReadFile(path_) == before) << "a failed removal saved something";
-        return result;
-    }
-
-    TempDir dir_;
-    std::string path_ = dir_.path() + "/preferences.plist";
-    RecordingStore store_{path_};
-    platform::Replace<platform::SystemPreferencesStore> useStore_{store_};
-    Scoped<const char*> name_{QVK_Framework_Project_Name_Application, "Quorvik Modem"};
-    Scoped<std::string> applicationName_{QVK_Framework_ApplicationName, "Quorvik Mobile"};
-};
-
-TEST_F(ConnectionDelete, TakesTheServiceOutOfTheCurrentSetAndEveryPlaceInItsOrder) {
-    WritePlist(path_, NetworkPreferences());
+TEST(ConnectionDelete, TakesTheServiceOutOfTheCurrentSetOnlyWhenEveryStepSucceeds) {
+    TempDir dir;
+    std::string path = dir.path() + "/preferences.plist";
+    platform::SystemPreferencesFile store(path);
+    platform::Replace<platform::SystemPreferencesStore> useStore(store);
+    Scoped<const char*> name(QVK_Framework_Project_Name_Application, "Quorvik Modem");
     RecordingProcess root{501, 0};
     platform::Replace<platform::ProcessIdentity> useIdentity{root};
-    QVK_Framework_Connection_Delete(1);
-    Dictionary expected = NetworkPreferences();
-    At(expected, {"Sets", "HOME", "Network", "Service"}).erase("Quorvik_Modem-1");
-    At(expected, {"Sets", "HOME", "Network", "Global", "IPv4"})["ServiceOrder"] = Array{"ETH", "WIFI"};
-    EXPECT_EQ(platform::ReadPropertyList(path_), Value(expected));
-    EXPECT_THAT(store_.calls,
-                ElementsAre("Create Quorvik Mobile", "Lock wait", "Remove /Sets/HOME/Network/Service/Quorvik_Modem-1",
-                            "Set /Sets/HOME/Network/Global/IPv4", "Apply", "Commit", "Unlock"));
-
-    // An order without the service needs no change.
-    Dictionary root2 = NetworkPreferences();
-    At(root2, {"Sets", "HOME", "Network", "Global", "IPv4"})["ServiceOrder"] = Array{"ETH"};
-    EXPECT_EQ(Remove(root2), 0);
-    EXPECT_THAT(store_.calls, ::testing::Not(::testing::Contains(::testing::StartsWith("Set "))));
-}
-
-TEST_F(ConnectionDelete, NothingIsSavedUnlessEveryStepSucceeds) {
-    EXPECT_EQ(Privileged_InstallConnection(nullptr, nullptr, "Quorvik_Modem-1"), 1001) << "no file";
-    const std::pair<std::function<void(Dictionary&)>, std::int32_t> cases[] = {
-        {[](Dictionary& r) { r.erase("CurrentSet"); }, 1001},
-        {[](Dictionary& r) { r["CurrentSet"] = Array{"/Sets/HOME"}; }, 1001},
-        {[](Dictionary& r) { r["NetworkServices"] = Array{}; }, 1001},
+    Dictionary removed = NetworkPreferences();
+    At(removed, {"Sets", "HOME", "Network", "Service"}).erase("Quorvik_Modem-1");
+    // Each change of the preferences, and whether the service then goes; nothing is saved otherwise.
+    const std::pair<std::function<void(Dictionary&)>, bool> cases[] = {
+        {[](Dictionary&) {}, true},
+        {[](Dictionary& r) {
+             At(r, {"Sets", "HOME", "Network", "Global", "IPv4"})["ServiceOrder"] = Array{"ETH"};
+         },
+         true},
+        {[](Dictionary& r) { r.erase("CurrentSet"); }, false},
+        {[](Dictionary& r) { r["CurrentSet"] = Array{"/Sets/HOME"}; }, false},
+        {[](Dictionary& r) { r["NetworkServices"] = Array{}; }, false},
         {[](Dictionary& r) {
              At(r, {"Sets", "HOME", "Network", "Service"}).erase("Quorvik_Modem-1");
          },
-         1001},
+         false},
         {[](Dictionary& r) {
              At(r, {"Sets", "HOME", "Network", "Global", "IPv4"}).erase("ServiceOrder");
          },
-         -4960},
+         false},
         {[](Dictionary& r) {
              At(r, {"Sets", "HOME", "Network", "Global", "IPv4"})["ServiceOrder"] = "x";
          },
-         -4960},
+         false},
         {[](Dictionary& r) {
              At(r, {"Sets", "HOME", "Network", "Global"}).erase("IPv4");
          },
-         -4960},
-    };
-    for (const auto& [change, result] : cases) {
-        Dictionary root = NetworkPreferences();
-        change(root);
-        EXPECT_EQ(Remove(root), result);
+         false}};
+    for (const auto& [change, goes] : cases) {
+        Dictionary before = NetworkPreferences(), after = removed;
+        change(before);
+        change(after);
+        WritePlist(path, before);
+        QVK_Framework_Connection_Delete(1);
+        Value* order = goes ? &At(after, {"Sets", "HOME", "Network", "Global", "IPv4"})["ServiceOrder"] : nullptr;
+        if (order && *order == Value(Array{"ETH", "Quorvik_Modem-1", "WIFI", "Quorvik_Modem-1"}))
+            *order = Array{"ETH", "WIFI"};
+        EXPECT_EQ(platform::ReadPropertyList(path), Value(goes ? after : before));
     }
-    // Activation comes first; when it fails the changes are not committed.
-    store_.failApply = true;
-    EXPECT_EQ(Remove(NetworkPreferences()), 1001);
-    EXPECT_THAT(store_.calls,
-                ElementsAre("Create Quorvik Mobile", "Lock wait", "Remove /Sets/HOME/Network/Service/Quorvik_Modem-1",
-                            "Set /Sets/HOME/Network/Global/IPv4", "Apply failed", "Unlock"));
     Dictionary settings{{"UserDefinedName", "Quorvik Modem"}};
     EXPECT_EQ(Privileged_InstallConnection(nullptr, &settings, "Quorvik_Modem-1"), 1001) << "settings are refused";
 }

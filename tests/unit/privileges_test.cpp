@@ -4,11 +4,9 @@
 
 #include <deque>
 
-#include "framework/privileges/drop_privileges.h"
 #include "framework/privileges/setuid.h"
 #include "framework/privileges/standard_descriptors.h"
 #include "language_environment.h"
-#include "platform/alert_panel.h"
 #include "platform/path.h"
 #include "test_support.h"
 
@@ -53,8 +51,7 @@ TEST_F(HandleSetuid, TheUsersStartReexecutesTheRunningFileForThatUserAloneWithIt
         {{"--qvk-uninstall", "--uid"}, {"--qvk-uninstall"}},
         {{"--uid", "0", "--lang", "x", "--qvk-drivers-uninstall"}, {"--qvk-drivers-uninstall"}},
         {{"--lang", "--uid", "7"}, {"7"}},
-        {{"--uidx", "--LANG", "x", "-uid", "7"}, {"--uidx", "--LANG", "x", "-uid", "7"}},
-    };
+        {{"--uidx", "--LANG", "x", "-uid", "7"}, {"--uidx", "--LANG", "x", "-uid", "7"}}};
     for (const auto& [given, kept] : cases) {
         RecordingProcess process(501, 0);
         EXPECT_THROW(Run(process, given), ImageReplaced);
@@ -96,17 +93,15 @@ TEST_F(HandleSetuid, ThePrivilegedRunRestoresTheBitAndTakesOnlyAWhollyDecimalUid
     EXPECT_STREQ(QVK_PreferredLanguage, "de");
     // Started by path: the super-user's own start, whatever it asks for.
     EXPECT_EQ(QVK_Framework_SetuidStartingUser, std::nullopt);
-    const std::pair<std::vector<std::string>, std::uint32_t> cases[] = {
-        {{"--uid", "12x"}, 0},
-        {{"--uid", "501", "--uid", "12x"}, 501},
-        {{"--uid", "7", "--uid", "9"}, 9},
-        {{"--uid", "-1"}, 0},
-        {{"--uid", " 5"}, 0},
-        {{"--uid", "4294967295"}, 0},
-        {{"--uid"}, 0},
-        {{"--uid", "4294967294"}, 4294967294u},
-        {{"--lang", "--uid", "5"}, 0},
-    };
+    const std::pair<std::vector<std::string>, std::uint32_t> cases[] = {{{"--uid", "12x"}, 0},
+                                                                        {{"--uid", "501", "--uid", "12x"}, 501},
+                                                                        {{"--uid", "7", "--uid", "9"}, 9},
+                                                                        {{"--uid", "-1"}, 0},
+                                                                        {{"--uid", " 5"}, 0},
+                                                                        {{"--uid", "4294967295"}, 0},
+                                                                        {{"--uid"}, 0},
+                                                                        {{"--uid", "4294967294"}, 4294967294u},
+                                                                        {{"--lang", "--uid", "5"}, 0}};
     for (const auto& [options, uid] : cases) {
         RecordingProcess root(0, 0);
         EXPECT_EQ(Run(root, options), uid) << ::testing::PrintToString(options);
@@ -116,54 +111,6 @@ TEST_F(HandleSetuid, ThePrivilegedRunRestoresTheBitAndTakesOnlyAWhollyDecimalUid
     handedOver.fromDescriptor = true;
     EXPECT_EQ(Run(handedOver, {"--uid", "501"}), 501u);
     EXPECT_EQ(QVK_Framework_SetuidStartingUser, 501u);
-}
-
-TEST_F(HandleSetuid, BelowTenSixTheRealUserIsReturnedAndNothingChanges) {
-    FakeGestalt leopard{0x1058};
-    platform::Replace<platform::Gestalt> useLeopard(leopard);
-    RecordingProcess superUser(0, 0);
-    EXPECT_EQ(Run(superUser, {"--uid", "7"}), 0u);
-    EXPECT_EQ(QVK_Framework_SetuidStartingUser, std::nullopt);
-    RecordingProcess userStart(501, 0);
-    EXPECT_EQ(Run(userStart, {"--uid", "7"}), 501u);
-    EXPECT_EQ(QVK_Framework_SetuidStartingUser, 501u);
-    EXPECT_TRUE(userStart.calls.empty() && superUser.calls.empty());
-}
-
-// Notes the user the shared application object was obtained for, in the process's call list.
-class RecordingApplication : public platform::AlertPanel {
-public:
-    explicit RecordingApplication(RecordingProcess& process) : process_(process) {}
-    void SharedApplication(std::uint32_t user) override { process_.calls.push_back(Format("shared app %u", user)); }
-    platform::AlertAnswer RunAlertPanel(const std::string&, const std::string&, const std::string&,
-                                        const std::optional<std::string>&) override {
-        return {};
-    }
-
-private:
-    RecordingProcess& process_;
-};
-
-TEST(DropPrivileges, TheUserAndTheOrderOfTheChangeDependOnTheSystemVersion) {
-    auto run = [](std::uint32_t version, std::uint32_t real, std::uint32_t effective, std::uint32_t userId) {
-        FakeGestalt gestalt{version};
-        platform::Replace<platform::Gestalt> useGestalt(gestalt);
-        RecordingProcess process(real, effective);
-        platform::Replace<platform::ProcessIdentity> useProcess(process);
-        RecordingApplication application(process);
-        if (userId == 1)
-            QVK_Framework_DropPrivileges();
-        else if (QVK_Framework_SharedAppAndDropPrivileges(application, userId) == &application)
-            process.calls.push_back("returned");
-        return process.calls;
-    };
-    EXPECT_THAT(run(0x1058, 501, 0, 1), ElementsAre("become 501"));
-    EXPECT_THAT(run(0x1058, 0, 502, 1), ElementsAre("become 502"));
-    EXPECT_THAT(run(0x1058, 0, 0, 1), ElementsAre());
-    EXPECT_THAT(run(0x1058, 501, 0, 777), ElementsAre("become 501", "shared app 501", "returned"));
-    EXPECT_THAT(run(0x1058, 0, 0, 777), ElementsAre("shared app 0", "returned"));
-    EXPECT_THAT(run(0x1068, 501, 0, 777), ElementsAre("shared app 777", "become 777"));
-    EXPECT_THAT(run(0x1090, 501, 0, 0), ElementsAre("shared app 0"));
 }
 
 TEST(StandardDescriptors, TheSuperUsersClosedStandardDescriptorsAreOpenedOnDevNull) {
