@@ -88,6 +88,7 @@ TEST(TextEncoding, Latin1BothWaysAndStrictUtf8) {
     EXPECT_FALSE(QVK_Framework_IsUTF8("\xc0\xaf"));
     EXPECT_FALSE(QVK_Framework_IsUTF8("\xed\xa0\x80"));
     EXPECT_FALSE(QVK_Framework_IsUTF8("\xe2\x82"));
+    EXPECT_FALSE(QVK_Framework_IsUTF8("\xe0\x80\xaf"));
     EXPECT_TRUE(QVK_Framework_IsUTF8("\xf0\x9f\x98\x80"));
 }
 
