@@ -2,9 +2,13 @@
 // bus; only the shell, the clock, the home folder and the bundle's place are the test's own.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <malloc.h>
 
 #include <array>
+#include <cstdio>
+#include <cstring>
 #include <filesystem>
+#include <stdexcept>
 
 #include "../../unit/test_support.h"
 #include "launcher/launch.h"
@@ -125,6 +129,28 @@ TEST_F(USBLauncherOnBus, ThePreferenceZeroSuppressesTheLaunch) {
     EXPECT_THAT(shell.commands, IsEmpty());
 }
 
+// The bytes the main thread's heap (malloc's main arena) has handed out and not had back, once the
+// test's own records (every log entry and command kept) are given back. The module, the registry
+// and the run loop live on the main thread; the bus's own threads have arenas of their own, and
+// when they start is theirs.
+std::size_t MainHeapInUse(CapturingLogger& logger, RecordingShell& shell) {
+    logger.entries = decltype(logger.entries)();
+    shell.commands = decltype(shell.commands)();
+    std::string report(1 << 16, '\0');
+    std::FILE* stream = fmemopen(report.data(), report.size() - 1, "w");
+    if (!stream) throw std::runtime_error("no stream for malloc's report");
+    malloc_info(0, stream);
+    std::fclose(stream);
+    // The main arena is listed first: its size, less its free blocks (the fast bins and the rest).
+    auto size = [&](const char* entry) {
+        std::size_t value = 0, at = report.find(entry);
+        if (at != std::string::npos) at = report.find("size=\"", at);
+        if (at != std::string::npos) std::sscanf(report.c_str() + at + 6, "%zu", &value);
+        return value;
+    };
+    return size("<system type=\"current\"") - size("<total type=\"fast\"") - size("<total type=\"rest\"");
+}
+
 // The clock stands where the test puts it.
 class SetClock : public platform::Clock {
 public:
@@ -136,7 +162,8 @@ public:
 // the bus takes them: it gives up on a listener that lets ten events wait, so each watched modem is
 // served before the next events. Three names are used in turn, so a lost removal would hide the
 // next device of that name. The clock moves 0.5 s an event and 3 s every 40th: one launch per
-// window, each later request in a window dropped.
+// window, each later request in a window dropped. Afterwards the heap holds what it held before the
+// burst, give or take a few hash buckets: nothing is kept per event.
 TEST_F(USBLauncherOnBus, ABurstOfEventsIsCountedOnceEachAndLaunchesOncePerWindow) {
     SetClock time;
     platform::Replace<platform::Clock> useTime{time};
@@ -152,8 +179,7 @@ TEST_F(USBLauncherOnBus, ABurstOfEventsIsCountedOnceEachAndLaunchesOncePerWindow
     std::array<std::string, 3> slots;
     slots[0] = bus.Plug("slot0", 0x12d1, 0x1001);
     ASSERT_TRUE(ServeUntilLaunches(1));
-    logger.entries.clear();
-    shell.commands.clear();
+    const std::size_t idle = MainHeapInUse(logger, shell);
 
     std::vector<std::string> expected;
     std::size_t windows = 0;
@@ -185,6 +211,10 @@ TEST_F(USBLauncherOnBus, ABurstOfEventsIsCountedOnceEachAndLaunchesOncePerWindow
     EXPECT_EQ(found, expected) << "each watched modem once, in the order plugged";
     EXPECT_EQ(Requests(), expected.size());
     EXPECT_EQ(Launches(), windows + 1);
+
+    expected = decltype(expected)();
+    found = decltype(found)();
+    EXPECT_LE(MainHeapInUse(logger, shell), idle + 8 * 1024) << "idle before the burst: " << idle << " bytes";
 }
 
 }  // namespace
