@@ -13,9 +13,7 @@ namespace qvk::test {
 
 namespace {
 
-struct GFreeDeleter {
-    void operator()(gchar* p) const { g_free(p); }
-};
+using Text = std::unique_ptr<gchar, decltype(&g_free)>;
 
 std::string Hex4(std::uint16_t id) {
     char text[5];
@@ -31,14 +29,27 @@ SimulatedUsbBus::SimulatedUsbBus() : testbed_(umockdev_testbed_new()) {
 
 SimulatedUsbBus::~SimulatedUsbBus() { g_object_unref(testbed_); }
 
+std::string SimulatedUsbBus::Folder() const { return Text(umockdev_testbed_get_root_dir(testbed_), g_free).get(); }
+
 std::string SimulatedUsbBus::Plug(const std::string& name, std::uint16_t vendor, std::uint16_t product) {
+    // As the kernel writes them: attribute values end with a newline; the uevent names the ids too.
     std::string v = Hex4(vendor), p = Hex4(product);
-    std::string triple = v + "/" + p + "/0";
-    std::unique_ptr<gchar, GFreeDeleter> syspath(
-        umockdev_testbed_add_device(testbed_, "usb", name.c_str(), nullptr, "idVendor", v.c_str(), "idProduct",
-                                    p.c_str(), nullptr, "DEVTYPE", "usb_device", "PRODUCT", triple.c_str(), nullptr));
+    return Add("usb", name, "", {"idVendor", v + "\n", "idProduct", p + "\n"},
+               {"DEVTYPE", "usb_device", "PRODUCT", v + "/" + p + "/0"});
+}
+
+std::string SimulatedUsbBus::Add(const std::string& subsystem, const std::string& name, const std::string& parent,
+                                 std::vector<std::string> attributes, std::vector<std::string> properties) {
+    std::vector<gchar*> a, p;
+    for (std::string& s : attributes) a.push_back(s.data());
+    for (std::string& s : properties) p.push_back(s.data());
+    a.push_back(nullptr);
+    p.push_back(nullptr);
+    // Adding sends the device's "add" uevent.
+    Text syspath(umockdev_testbed_add_devicev(testbed_, subsystem.c_str(), name.c_str(),
+                                              parent.empty() ? nullptr : parent.c_str(), a.data(), p.data()),
+                 g_free);
     if (!syspath) throw std::runtime_error("device " + name + " could not be added");
-    umockdev_testbed_uevent(testbed_, syspath.get(), "add");
     return syspath.get();
 }
 

@@ -1,10 +1,11 @@
-// A simulated USB bus inside the test process: a umockdev test bed whose devices and uevents the
-// process sees in place of the real /sys and udev events, once it runs with umockdev's preload
-// library (RunWithUmockdevPreload).
+// A simulated USB bus: a umockdev test bed whose devices and uevents a process sees in place of the
+// real /sys and udev events, once it runs with umockdev's preload library (RunWithUmockdevPreload).
+// The one test bed of the tests, the benchmarks and the end-to-end bus program.
 #pragma once
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 typedef struct _UMockdevTestbed UMockdevTestbed;
 
@@ -12,17 +13,24 @@ namespace qvk::test {
 
 class SimulatedUsbBus {
 public:
-    // Creates the test bed and points UMOCKDEV_DIR of this process (and its children) at it.
     SimulatedUsbBus();
     ~SimulatedUsbBus();
     SimulatedUsbBus(const SimulatedUsbBus&) = delete;
     SimulatedUsbBus& operator=(const SimulatedUsbBus&) = delete;
 
-    // Adds a USB device (devtype usb_device) with these ids and sends its "add" event; answers its
-    // sysfs path.
+    // The test bed's folder: the UMOCKDEV_DIR of another process that is to see this bus.
+    std::string Folder() const;
+    // Adds a USB device (devtype usb_device) with these ids, announced by its "add" uevent; answers
+    // its sysfs path.
     std::string Plug(const std::string& name, std::uint16_t vendor, std::uint16_t product);
-    // Sends the device's "remove" event, then takes it out of sysfs.
+    // Adds any device below `parent` (a sysfs path; "" for none), attributes and properties given as
+    // name, value, name, value...; answers its sysfs path.
+    std::string Add(const std::string& subsystem, const std::string& name, const std::string& parent,
+                    std::vector<std::string> attributes, std::vector<std::string> properties);
+    // Sends the device's "remove" uevent, then takes it out of sysfs.
     void Unplug(const std::string& syspath);
+    // For what only umockdev's own calls describe (device nodes, their ioctls).
+    UMockdevTestbed* Testbed() const { return testbed_; }
 
 private:
     UMockdevTestbed* testbed_;
