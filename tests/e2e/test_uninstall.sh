@@ -1,65 +1,49 @@
-# "--qvk-uninstall" answered yes: the package, its receipts, preference domains, network service and
-# running application go, the user's data goes to the Trash, and a restart is asked for.
+# The package removes itself: "--qvk-uninstall" once the user says yes (a no changes nothing),
+# "--qvk-drivers-uninstall" for the drivers marked as its own, and by itself when the running
+# Launcher sees its application folder dragged into the Trash; moved elsewhere, it starts again
+# from there.
 source "$(dirname "$0")/lib.sh"
 
-QUESTION=(/usr/bin/zenity --question --no-markup --default-cancel "--title=Quorvik Connect"
-    "--text=Do you really want to deinstall Quorvik Connect?" --ok-label=Yes --cancel-label=No)
-RESTART=(/usr/bin/zenity --info --no-markup "--title=Quorvik Connect"
-    "--text=Quorvik Connect has been deinstalled, but some parts remain in the system until the next restart"
-    --ok-label=OK)
+QUESTION="/usr/bin/zenity [--question] [--no-markup] [--default-cancel] [--title=Quorvik Connect] [--text=Do you really want to deinstall Quorvik Connect?] [--ok-label=Yes] [--cancel-label=No]"
+RESTART="/usr/bin/zenity [--info] [--no-markup] [--title=Quorvik Connect] [--text=Quorvik Connect has been deinstalled, but some parts remain in the system until the next restart] [--ok-label=OK] | uid=$USER_ID"
 PREFERENCES=/Library/Preferences/SystemConfiguration/preferences.plist
 SERVICE=Quorvik_Connect-1
 UNINSTALLER="/Applications/Quorvik Connect Uninstall.app"
 MODEM_SCRIPT="/Library/Modem Scripts/Quorvik Virtual Modem"
 NEW_RECEIPTS=(/var/db/receipts/com.quorvik.Connect.package.plist /var/db/receipts/com.quorvik.Connect.package.bom)
 OLD_RECEIPT=/Library/Receipts/Quorvik.pkg
+EXTENSIONS=/System/Library/Extensions
+CACHES=(/System/Library/Caches/com.apple.kext.caches/Directories/System/Library/Extensions/KextIdentifiers.plist.gz
+    /System/Library/Caches/com.apple.kext.caches/Directories/System/Library/Extensions/IOKitPersonalities_i386.ioplist.gz
+    /System/Library/Extensions.mkext /System/Library/Extensions.kextcache)
+AGENT="$USER_HOME/Library/LaunchAgents/Quorvik Connect.plist"
+BAD_APP='/Applications/Quorvik "$(touch pwned)" `touch pwned`.app'
 
 # A "ps" first on the Launcher's search path: it notes its call in the journal as the stand-ins do
-# and lists the Launcher itself (its caller's caller) and the application's process APP_PID.
+# and lists the Launcher itself (its caller's caller), the application's process APP_PID, a line
+# that is no process id, and after a line without a number the process LATE_PID.
 fake_ps() {
+    in_root /bin/sleep 300 &
+    APP_PID=$!
+    in_root /bin/sleep 300 &
+    LATE_PID=$!
     put /usr/local/bin/ps 0755 <<EOF
 #!/bin/sh
 line=\$0
 for arg; do line="\$line [\$arg]"; done
 printf '%s | uid=%s\n' "\$line" "\$(/usr/bin/id -u)" >>/.e2e/journal
-echo "  PID COMM"
-echo "\$(cut -d' ' -f4 /proc/\$PPID/stat) $LAUNCHER_APP/Contents/MacOS/Launcher"
-echo "$APP_PID $APP/Contents/MacOS/Quorvik Connect"
+printf '  PID COMM\n%s %s\n' "\$(cut -d' ' -f4 /proc/\$PPID/stat)" "$LAUNCHER_APP/Contents/MacOS/Launcher"
+printf '%s\n' "$APP_PID $APP/Contents/MacOS/Quorvik Connect" "   77 /usr/sbin/cron" "  -1 $APP/Contents/Odd" \
+    "  abc $APP/Contents/Stray" "$LATE_PID $APP/Contents/Late"
 EOF
 }
 
-# The running application: a process of its own in the sandbox.
-start_application() {
-    in_root /bin/sleep 300 &
-    APP_PID=$!
-}
-
-# The application's process ended by the termination signal.
-expect_application_stopped() {
-    local status
-    wait "$APP_PID" 2>/dev/null
-    status=$?
-    e2e_check "the application's process got the termination signal (status $status)" [ "$status" = 143 ]
-}
-
-# The journal is exactly these lines. Usage: expect_journal LINE...
+# The journal is exactly standard input. Usage: expect_journal <<EOF
 expect_journal() {
     local expected actual
-    expected=$(printf '%s\n' "$@")
-    actual=$(cat "$ROOT/.e2e/journal")
-    if [ "$actual" = "$expected" ]; then
-        e2e_pass "the journal holds the calls in order"
-    else
-        e2e_fail "the journal differs:"
-        diff <(echo "$expected") <(echo "$actual") | sed 's/^/    /'
-    fi
-}
-
-# A call's journal line. Usage: call UID TOOL ARG...
-call() {
-    local uid=$1
-    shift
-    printf '%s | uid=%s' "$(e2e_call_text "$@")" "$uid"
+    expected=$(cat) actual=$(cat "$ROOT/.e2e/journal")
+    e2e_check "the journal holds the calls in order" [ "$actual" = "$expected" ]
+    [ "$actual" = "$expected" ] || diff <(echo "$expected") <(echo "$actual") | sed 's/^/    /'
 }
 
 # FILE has exactly N lines containing TEXT. Usage: expect_count N FILE TEXT
@@ -69,157 +53,254 @@ expect_count() {
     e2e_check "$2 has $1 lines with: $3 (got ${got:-0})" [ "${got:-0}" = "$1" ]
 }
 
-# The system network preferences with the package's service in the current set, twice in its
-# order, and another service beside it.
-network_preferences() {
-    put "$PREFERENCES" <<EOF
-<?xml version="1.0" encoding="UTF-8"?>
-<plist version="1.0">
-<dict>
-	<key>CurrentSet</key>
-	<string>/Sets/1</string>
-	<key>NetworkServices</key>
-	<dict>
-		<key>Other-1</key>
-		<dict><key>UserDefinedName</key><string>Other</string></dict>
-		<key>$SERVICE</key>
-		<dict><key>UserDefinedName</key><string>Quorvik</string></dict>
-	</dict>
-	<key>Sets</key>
-	<dict>
-		<key>1</key>
-		<dict>
-			<key>Network</key>
-			<dict>
-				<key>Global</key>
-				<dict><key>IPv4</key><dict><key>ServiceOrder</key><array>
-					<string>$SERVICE</string><string>Other-1</string><string>$SERVICE</string>
-				</array></dict></dict>
-				<key>Service</key>
-				<dict>
-					<key>Other-1</key>
-					<dict><key>__LINK__</key><string>/NetworkServices/Other-1</string></dict>
-					<key>$SERVICE</key>
-					<dict><key>__LINK__</key><string>/NetworkServices/$SERVICE</string></dict>
-				</dict>
-			</dict>
-		</dict>
-	</dict>
-</dict>
-</plist>
-EOF
-}
-
 # A device list with one device served by the given drivers. Usage: device_list DRIVER...
 device_list() {
-    echo '<?xml version="1.0" encoding="UTF-8"?>'
-    echo '<plist version="1.0"><array><dict><key>Drivers</key><array>'
+    echo '<?xml version="1.0" encoding="UTF-8"?><plist version="1.0"><array><dict><key>Drivers</key><array>'
     printf '<string>%s</string>\n' "$@"
     echo '</array></dict></array></plist>'
 }
 
-# What the package left on the machine.
+# A driver bundle modified at the given time. Usage: kext PATH SECONDS
+kext() {
+    echo "<plist/>" | put "$1/Contents/Info.plist"
+    in_root touch -d "@$2" "$1" || e2e_die "cannot date $1"
+}
+
+# An installed driver folder, with a "Quorvik Source" mark when MARK is given. Usage: driver NAME [MARK]
+driver() {
+    echo "<plist/>" | put "$EXTENSIONS/$1/Contents/Info.plist"
+    [ $# -lt 2 ] || printf '%s' "$2" | put "$EXTENSIONS/$1/Quorvik Source"
+}
+
+# What the package left on the machine: its uninstaller, modem script, receipts, the user's agent
+# and data, and its network service in the current set, in its order beside another one.
 installed_package() {
-    echo "<plist/>" | put "$UNINSTALLER/Contents/Info.plist"
-    echo "script" | put "$MODEM_SCRIPT"
-    local receipt
-    for receipt in "${NEW_RECEIPTS[@]}" "$OLD_RECEIPT/Contents/Archive.bom"; do echo receipt | put "$receipt"; done
+    local file
+    for file in "$UNINSTALLER/Contents/Info.plist" "$MODEM_SCRIPT" "${NEW_RECEIPTS[@]}" \
+        "$OLD_RECEIPT/Contents/Archive.bom" "${CACHES[@]}"; do
+        echo x | put "$file"
+    done
     # The old receipts belong to the administrators' group, of which the user is one, as on the
     # Mac: they are removed after the Launcher has become the user.
     in_root /bin/sh -c 'chown -R "0:$1" /Library/Receipts && chmod -R g+w /Library/Receipts' sh "$USER_GID" ||
         e2e_die "cannot hand the receipts to the administrators"
+    echo "<plist/>" | put "$AGENT" 0644 "$USER_ID:$USER_GID"
     echo "settings" | put "$USER_HOME/.Quorvik/settings.plist" 0600 "$USER_ID:$USER_GID"
     in_root chown "$USER_ID:$USER_GID" "$USER_HOME/.Quorvik"
-    network_preferences
+    put "$PREFERENCES" <<EOF
+<?xml version="1.0" encoding="UTF-8"?><plist version="1.0"><dict><key>CurrentSet</key><string>/Sets/1</string>
+<key>NetworkServices</key><dict>
+<key>$SERVICE</key><dict><key>UserDefinedName</key><string>Quorvik</string></dict></dict>
+<key>Sets</key><dict><key>1</key><dict><key>Network</key><dict><key>Global</key><dict><key>IPv4</key><dict>
+<key>ServiceOrder</key><array><string>$SERVICE</string><string>Other-1</string></array></dict></dict>
+<key>Service</key><dict><key>$SERVICE</key><dict><key>__LINK__</key><string>/NetworkServices/$SERVICE</string>
+</dict></dict></dict></dict></dict></dict></plist>
+EOF
 }
 
-# The one "Quorvik UserData <stamp>" in the user's Trash; its sandbox path goes into VAR.
-# Usage: trashed_data VAR
-trashed_data() {
-    local found=("$ROOT$USER_HOME/.Trash/Quorvik UserData "*)
-    printf -v "$1" '%s' "${found[0]#"$ROOT"}"
-    e2e_check "one data folder in the Trash (found: ${found[*]#"$ROOT"})" [ ${#found[@]} = 1 ]
-}
-
-# The data folder was moved to the Trash under a stamp taken during the run (microseconds since
-# 1970 in hexadecimal), with its content and owner. Usage: expect_trashed_data BEFORE AFTER
+# The data folder went to the Trash, still the user's, under a stamp taken during the run
+# (microseconds since 1970 in hexadecimal). Usage: expect_trashed_data [BEFORE AFTER]
 expect_trashed_data() {
     local trashed stamp ok=false
     expect_no_file "$USER_HOME/.Quorvik"
-    trashed_data trashed
-    stamp=${trashed##* }
-    [[ $stamp =~ ^[0-9a-f]+$ ]] && [ $((16#$stamp)) -ge "$1" ] && [ $((16#$stamp)) -le "$2" ] && ok=true
-    e2e_check "stamp $stamp lies between $1 and $2" $ok
+    find_one trashed "$USER_HOME/.Trash/Quorvik?UserData?*"
     expect_mode "$trashed/settings.plist" "600 $USER_ID:$USER_GID"
+    [ $# = 0 ] && return
+    stamp=${trashed##* }
+    [[ $stamp =~ ^[0-9a-f]+$ ]] && (($1 <= 16#$stamp && 16#$stamp <= $2)) && ok=true
+    e2e_check "stamp $stamp lies between $1 and $2" $ok
 }
+
+# How many drivers were unloaded.
+unloads() { grep -c '^/sbin/kextunload ' "$ROOT/.e2e/journal"; }
 
 scenario "answered yes: every step in order, the package and its traces gone, the data in the Trash"
 marker /tmp/Quorvik-PleaseDoLog
 installed_package
 # A driver listed by the package with an identical copy stays: the application folder, where the
 # list and the copy lie, is gone before the cleanup looks at them.
-echo "<plist/>" | put /System/Library/Extensions/QuorvikModem.kext/Contents/Info.plist
-echo "<plist/>" | put "$LAUNCHER_APP/Contents/Drivers-Install/Drivers/QuorvikModem.kext/Contents/Info.plist"
+kext "$EXTENSIONS/QuorvikModem.kext" 1300000000
+kext "$LAUNCHER_APP/Contents/Drivers-Install/Drivers/QuorvikModem.kext" 1300000000
 device_list QuorvikModem.kext | put "$LAUNCHER_APP/Contents/Resources/NetworkBlocker.xml"
-start_application
+# The deletion takes links away, never what they point to.
+echo kept | put /Library/Kept/file
+in_root ln -s /Library/Kept "$APP/Contents/Kept" || e2e_die "cannot link"
 fake_ps
 before=$(date +%s%6N)
 launch --env DISPLAY=:5 -- --qvk-uninstall
 after=$(date +%s%6N)
-# Status 0, not 143: the Launcher, listed by "ps" twice, never signalled itself.
 expect_status 0
 # Root's preference domains, the application stopped, then as the user: the autostart entry's
 # tidy-up, the user's domains, the application stopped again, the restart message.
-expect_journal "$(call "$USER_ID" "${QUESTION[@]}")" \
-    "$(call 0 /usr/bin/defaults delete com.quorvik.Connect)" \
-    "$(call 0 /usr/bin/defaults delete Quorvik.Updater)" \
-    "$(call 0 /usr/local/bin/ps -A -o pid -o comm)" \
-    "$(call "$USER_ID" /bin/launchctl remove "QVK Quorvik Connect")" \
-    "$(call "$USER_ID" /usr/local/bin/ps axww -o pid,command)" \
-    "$(call "$USER_ID" /usr/bin/defaults delete com.quorvik.Connect)" \
-    "$(call "$USER_ID" /usr/bin/defaults delete Quorvik.Updater)" \
-    "$(call "$USER_ID" /usr/local/bin/ps -A -o pid -o comm)" \
-    "$(call "$USER_ID" "${RESTART[@]}")"
-expect_application_stopped
+expect_journal <<EOF
+$QUESTION | uid=$USER_ID
+/usr/bin/defaults [delete] [com.quorvik.Connect] | uid=0
+/usr/bin/defaults [delete] [Quorvik.Updater] | uid=0
+/usr/local/bin/ps [-A] [-o] [pid] [-o] [comm] | uid=0
+/bin/launchctl [remove] [QVK Quorvik Connect] | uid=$USER_ID
+/usr/local/bin/ps [axww] [-o] [pid,command] | uid=$USER_ID
+/usr/bin/defaults [delete] [com.quorvik.Connect] | uid=$USER_ID
+/usr/bin/defaults [delete] [Quorvik.Updater] | uid=$USER_ID
+/usr/local/bin/ps [-A] [-o] [pid] [-o] [comm] | uid=$USER_ID
+$RESTART
+EOF
+e2e_check "a process listed after a line without a number still sleeps" \
+    [ "$(awk '{ print $3 }' "/proc/$LATE_PID/stat")" = S ]
+kill -KILL "$APP_PID"
+wait "$APP_PID"
+e2e_check "the application's process ended by the termination signal" [ $? = 143 ]
 for gone in "$APP" "$UNINSTALLER" "$MODEM_SCRIPT" "${NEW_RECEIPTS[@]}"; do expect_no_file "$gone"; done
 # From 10.6 on the old receipt scheme is left alone.
-expect_file "$OLD_RECEIPT/Contents/Archive.bom"
-expect_file /System/Library/Extensions/QuorvikModem.kext/Contents/Info.plist
+for kept in "$OLD_RECEIPT/Contents/Archive.bom" "$EXTENSIONS/QuorvikModem.kext" /Library/Kept/file; do expect_file "$kept"; done
 expect_trashed_data "$before" "$after"
-# The service left the current set and its order; its own entry stays.
-expect_count 1 "$PREFERENCES" "<key>$SERVICE</key>"
-expect_count 0 "$PREFERENCES" "<string>$SERVICE</string>"
-expect_count 0 "$PREFERENCES" "/NetworkServices/$SERVICE"
-expect_count 1 "$PREFERENCES" "<string>Other-1</string>"
+# The service left the current set and its order.
+expect_no_line "$PREFERENCES" "<string>$SERVICE</string>"
+expect_no_line "$PREFERENCES" "/NetworkServices/$SERVICE"
 expect_count 1 "$(main_log)" "Launcher_PerformCleanup: uid: 0 euid: 0"
 expect_count 1 "$(main_log)" "Launcher_PerformCleanup: uid: $USER_ID euid: $USER_ID"
 expect_count 1 "$(main_log)" "Launcher_DeleteApp: $APP"
 
-scenario "on 10.5.8 both receipt schemes go" --version 10.5.8
-installed_package
+scenario "the question declined, even with the no-launch marker: status 0 and nothing changed"
+marker "$USER_HOME/.Quorvik-NoLaunch-Brisel"
+record_env DISPLAY
+tool_status zenity 1
+snapshot
 launch --env DISPLAY=:5 -- --qvk-uninstall
 expect_status 0
-for gone in "$APP" "${NEW_RECEIPTS[@]}" "$OLD_RECEIPT"; do expect_no_file "$gone"; done
-expect_calls 1 "${RESTART[@]}"
+expect_journal <<<"$QUESTION | uid=$USER_ID DISPLAY=:5"
+expect_unchanged
 
-scenario "a package path with shell metacharacters: no process search with it, logged; the rest runs to its end"
+scenario "drivers only: marked folders and links go, everything else stays; then the caches, the uninstaller and the data"
 marker /tmp/Quorvik-PleaseDoLog
 installed_package
-BAD_APP='/Applications/Quorvik "$(touch pwned)" `touch pwned`.app'
+echo "<plist/>" | put "/Applications/Quorvik Connect DriversUninstaller.app/Contents/Info.plist"
+driver Marked.kext "$APP/Contents/Drivers-Install/Drivers/Marked.kext"
+# A mark that only begins with the application folder counts as well.
+driver Longer.kext "$APP Old/Longer.kext"
+driver Short.kext "/Applications/Quorvik"
+driver Foreign.kext "/Applications/Other.app/Contents/Foreign.kext"
+driver Empty.kext ""
+driver Plain.kext
+# A dot in first or second place keeps a folder out, marked or not; a file is never a driver.
+driver X.kext "$APP"
+driver .Hidden.kext "$APP"
+echo "$APP" | put "$EXTENSIONS/Stray"
+BAD_DRIVER='Evil$(touch pwned)`touch pwned`.kext'
+driver "$BAD_DRIVER" "$APP"
+# Links count by their target, whatever their name, and go themselves.
+echo "<plist/>" | put "$APP/Contents/Drivers/Linked.kext/Contents/Info.plist"
+in_root ln -s "$APP/Contents/Drivers/Linked.kext" "$EXTENSIONS/Y.kext" &&
+    in_root ln -s /Library/Other/Elsewhere.kext "$EXTENSIONS/Elsewhere.kext" || e2e_die "cannot link the drivers"
+launch -- --qvk-drivers-uninstall
+expect_status 0
+for name in Marked.kext Longer.kext Y.kext; do
+    expect_calls 1 --where uid=0 /sbin/kextunload "$EXTENSIONS/$name"
+    expect_no_file "$EXTENSIONS/$name"
+done
+e2e_check "three drivers unloaded" [ "$(unloads)" = 3 ]
+e2e_check "the last call is killall, by root" [ "$(tail -n 1 "$ROOT/.e2e/journal")" = "/usr/bin/killall [-HUP] [kextd] | uid=0" ]
+expect_only_calls /sbin/kextunload /usr/bin/killall
+for name in Short.kext Foreign.kext Empty.kext Plain.kext X.kext .Hidden.kext "$BAD_DRIVER" Stray; do
+    expect_file "$EXTENSIONS/$name"
+done
+e2e_check "the link to another package's driver stays" test -L "$ROOT$EXTENSIONS/Elsewhere.kext"
+expect_file "$APP/Contents/Drivers/Linked.kext/Contents/Info.plist"
+for gone in "${CACHES[@]}" "/Applications/Quorvik Connect DriversUninstaller.app"; do expect_no_file "$gone"; done
+expect_trashed_data
+for gone in /pwned "$USER_HOME/pwned"; do expect_no_file "$gone"; done
+expect_count 1 "$(main_log)" "(Errors): Launcher_DriversCleanup: Not running \"rm -rf \"%s\"\" for \"$EXTENSIONS/$BAD_DRIVER\": the path cannot be quoted"
+
+scenario "drivers only, none marked: no tool runs and the caches stay; the data still goes"
+installed_package
+driver Foreign.kext "/Applications/Other.app"
+launch -- --qvk-drivers-uninstall
+expect_status 0
+expect_no_calls
+for cache in "${CACHES[@]}"; do expect_file "$cache"; done
+expect_trashed_data
+
+# Starts the Launcher, waits until it serves, and moves the application folder to TO (its folder
+# made first when missing); the Launcher must then end by itself. Usage: run_and_move TO
+run_and_move() {
+    launch --background --env DISPLAY=:5
+    wait_until_serving || return
+    [ -d "$ROOT$(dirname "$1")" ] || folder "$(dirname "$1")"
+    in_root mv "$APP" "$1" || e2e_die "cannot move the application"
+    e2e_wait_end 10 || e2e_fail "the Launcher did not end after the application was moved"
+}
+
+scenario "dragged into the Trash: the package removes itself from there with its drivers, tells the user and ends"
+marker /tmp/Quorvik-PleaseDoLog
+installed_package
+# Only a driver whose name is longer than seven characters, installed and with a package copy of
+# the same time, is the package's.
+device_list Ab.kext Abc.kext Other.kext NoCopy.kext NotThere.kext ../Outside.kext |
+    put "$APP/Contents/Resources/NetworkBlocker.xml"
+for name in Ab Abc Other NoCopy; do kext "$EXTENSIONS/$name.kext" 1300000000; done
+for name in Ab Abc NotThere ../Outside; do kext "$APP/Contents/Drivers-Install/Drivers/$name.kext" 1300000000; done
+kext "$APP/Contents/Drivers-Install/Drivers/Other.kext" 1300000060
+kext /System/Library/Outside.kext 1300000000
+echo x | put /System/Libraries/Extensions.mkext
+TRASHED="$USER_HOME/.Trash/Quorvik Connect.app"
+run_and_move "$TRASHED"
+expect_status 0
+expect_line "$(main_log)" "Unknown: <date>: Apple/../../../Framework/Library/Filesystem/Apple/FilesystemMonitor:172(Trace): -[QVK_Framework_FileMonitor QVK_Framework_FileMonitor_Triggered:]: $APP"
+expect_line "$(main_log)" "Unknown: <date>: ../../Framework/Library/Basic/AutoCleanup:58(Trace): -[QVK_Framework_AutoCleanup QVK_Framework_AutoCleanup_IsTrashedApp:]: App is in \"$TRASHED\""
+e2e_check "one driver unloaded" [ "$(unloads)" = 1 ]
+expect_calls 1 --where uid=0 /sbin/kextunload "$EXTENSIONS/Abc.kext"
+expect_calls 1 --where uid=0 /usr/bin/killall -HUP kextd
+for name in Ab Other NoCopy; do expect_file "$EXTENSIONS/$name.kext/Contents/Info.plist"; done
+for gone in "$EXTENSIONS/Abc.kext" /System/Libraries/Extensions.mkext "$MODEM_SCRIPT" "$AGENT"; do expect_no_file "$gone"; done
+expect_file /System/Library/Outside.kext
+expect_count 1 "$(main_log)" "(Errors): Launcher_PerformCleanup: Not a driver name: \"../Outside.kext\""
+expect_trashed_data
+expect_file "$TRASHED/Launcher.app/Contents/MacOS/Launcher"
+expect_call --where "uid=$USER_ID" /bin/launchctl remove "QVK Quorvik Connect"
+expect_count 1 /.e2e/journal "$RESTART"
+expect_no_call /usr/bin/open
+
+scenario "moved to another folder: this build's autostart key goes, the agent follows and the Launcher starts again from there"
+record_env QUORVIKCRAP_INSTALLATIONMOVED
+installed_package
+DEFAULTS="$USER_HOME/Library/Preferences/com.quorvik.Launcher.plist"
+e2e_plist_string_dict "QVK Autostart Installed 201104.120000" yes "QVK Autostart Installed 190101.000000" yes |
+    put "$DEFAULTS" 0644 "$USER_ID:$USER_GID"
+MOVED="/Applications/Quorvik/Quorvik Connect.app"
+run_and_move "$MOVED"
+expect_status 0
+expect_calls 1 --where "uid=$USER_ID QUORVIKCRAP_INSTALLATIONMOVED=yes" /usr/bin/open -a "$MOVED/Launcher.app"
+expect_no_line "$DEFAULTS" "201104.120000"
+expect_line "$DEFAULTS" "	<key>QVK Autostart Installed 190101.000000</key>"
+expect_line "$AGENT" "	<string>$MOVED/Launcher.app/Contents/MacOS/Launchd Skript</string>"
+expect_line "$AGENT" "	<string>$MOVED/Launcher.app</string>"
+expect_call --where uid=0 /bin/launchctl remove "QVK Quorvik Connect"
+expect_file "$MODEM_SCRIPT"
+expect_no_call /usr/bin/zenity
+
+scenario "deleted: the folder has no path, so a move to nowhere; the agent goes and is not made again"
+record_env QUORVIKCRAP_INSTALLATIONMOVED
+installed_package
+launch --background
+wait_until_serving
+in_root rm -rf "$APP" || e2e_die "cannot delete the application"
+e2e_wait_end 10 || e2e_fail "the Launcher did not end after the application was deleted"
+expect_status 0
+expect_calls 1 --where "uid=$USER_ID QUORVIKCRAP_INSTALLATIONMOVED=yes" /usr/bin/open -a "(null)/Launcher.app"
+expect_no_file "$AGENT"
+expect_file "$MODEM_SCRIPT"
+
+scenario "on 10.5.0 from a path with shell metacharacters: the old receipts go, no process search, nothing run" --version 10.5.0
+marker /tmp/Quorvik-PleaseDoLog
+installed_package
+# The package moves, for the rest of the file, to a path the shell would run commands from.
 in_root mv "$APP" "$BAD_APP" || e2e_die "cannot move the package"
-SAVED=("$APP" "$LAUNCHER_APP" "$EXE")
 APP=$BAD_APP LAUNCHER_APP="$BAD_APP/Launcher.app" EXE="$BAD_APP/Launcher.app/Contents/MacOS/Launcher"
-start_application
 fake_ps
 launch --env DISPLAY=:5 -- --qvk-uninstall
 expect_status 0
+for kept in "${NEW_RECEIPTS[@]}"; do expect_file "$kept"; done
+for gone in "$OLD_RECEIPT" "$APP" "$USER_HOME/.Quorvik" /pwned "$USER_HOME/pwned"; do expect_no_file "$gone"; done
 expect_calls 0 /usr/local/bin/ps -A -o pid -o comm
 expect_count 2 "$(main_log)" "(Errors): Launcher_KillApp: Not looking for processes of \"$APP\": the path cannot be quoted"
 expect_calls 2 /usr/bin/defaults delete com.quorvik.Connect
-expect_calls 1 "${RESTART[@]}"
-expect_no_file "$APP"
-expect_no_file /pwned
-expect_no_file "$USER_HOME/pwned"
-expect_no_file "$USER_HOME/.Quorvik"
-expect_count 0 "$PREFERENCES" "<string>$SERVICE</string>"
-APP=${SAVED[0]} LAUNCHER_APP=${SAVED[1]} EXE=${SAVED[2]}
+expect_count 1 /.e2e/journal "$RESTART"
