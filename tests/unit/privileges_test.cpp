@@ -114,6 +114,7 @@ TEST_F(HandleSetuid, ThePrivilegedRunRestoresTheBitAndTakesOnlyAWhollyDecimalUid
 }
 
 TEST(StandardDescriptors, TheSuperUsersClosedStandardDescriptorsAreOpenedOnDevNull) {
+    ASSERT_EQ(geteuid(), 0u) << "this test needs root: only the super-user's descriptors are opened";
     RunInChild([] {
         close(STDIN_FILENO);
         close(STDERR_FILENO);

@@ -311,20 +311,4 @@ pid_t RunInChild(Body body) {
     return pid;
 }
 
-// Runs `body` in a child that sees `script` as the program `name` first on the super-user's search
-// path: a private mount namespace with an empty /usr/local/sbin of its own. Needs root.
-template <class Body>
-void WithSuperUserTool(const std::string& name, const std::string& script, Body body) {
-    ASSERT_EQ(geteuid(), 0u) << "this test needs root for a private /usr/local/sbin (mount namespace)";
-    RunInChild([&] {
-        ASSERT_EQ(unshare(CLONE_NEWNS), 0) << std::strerror(errno);
-        ASSERT_EQ(mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0) << std::strerror(errno);
-        std::filesystem::create_directories("/usr/local/sbin");
-        ASSERT_EQ(mount("qvk-tools", "/usr/local/sbin", "tmpfs", 0, "mode=0755"), 0) << std::strerror(errno);
-        WriteFile("/usr/local/sbin/" + name, script);
-        ASSERT_EQ(chmod(("/usr/local/sbin/" + name).c_str(), 0755), 0);
-        body();
-    });
-}
-
 }  // namespace qvk::test
