@@ -1,5 +1,5 @@
-# Driver loading at start: which folders' entries reach /sbin/kextload, and the owners and modes
-# left behind, inside the package and outside it.
+# Driver loading at start: which folders' entries reach /sbin/kextload, in which order, and the
+# owners and modes left behind, inside the package and outside it.
 source "$(dirname "$0")/lib.sh"
 
 DRIVERS="$APP/Contents/Drivers"
@@ -25,22 +25,21 @@ expect_loaded() {
     got=$(sed -n 's#^/sbin/kextload \[\(.*\)\] | .*#\1#p' "$ROOT/.e2e/journal")
     expected=$(printf '%s\n' "$@")
     e2e_check "kextload ran for: $(printf '%s|' "$@")" [ "$got" = "$expected" ]
+    expect_only_calls /sbin/kextload
 }
 
-scenario "on 10.5.8 the x86 10_4 folders and the plain ones are loaded, three passes over" --version 10.5.8
-user_driver "$DRIVERS/Drivers-x86-10_4/Modem.kext"
-user_driver "$DRIVERS/Drivers-x86-10_4-Demand/Later.kext"
-user_driver "$DRIVERS/Drivers/Serial.kext"
-user_driver "$DRIVERS/Drivers-x86-10_3/Old.kext"
-user_driver "$DRIVERS/Drivers-ppc/Other.kext"
+scenario "on 10.5.8 the 10_4 folders, then the general ones, are loaded in three passes" --version 10.5.8
+for driver in Drivers-x86-10_4/Modem Drivers-x86-10_4-Demand/Later Drivers-10_4/Any Drivers-x86/Cpu \
+    Drivers/Serial Drivers-x86-10_3/Old Drivers-ppc/Other; do
+    user_driver "$DRIVERS/$driver.kext"
+done
 launch --background
 wait_until_serving
 stop_launcher
-MODEM="$DRIVERS/Drivers-x86-10_4/Modem.kext" SERIAL="$DRIVERS/Drivers/Serial.kext"
-expect_loaded "$MODEM" "$SERIAL" "$MODEM" "$SERIAL" "$MODEM" "$SERIAL"
-expect_only_calls /sbin/kextload
-for driver in "$MODEM" "$DRIVERS/Drivers-x86-10_4-Demand/Later.kext" "$SERIAL"; do
-    expect_mode "$driver" "755 0:0"
+PASS=("$DRIVERS/Drivers-x86-10_4/Modem.kext" "$DRIVERS/Drivers-10_4/Any.kext" "$DRIVERS/Drivers-x86/Cpu.kext"
+    "$DRIVERS/Drivers/Serial.kext")
+expect_loaded "${PASS[@]}" "${PASS[@]}" "${PASS[@]}"
+for driver in "${PASS[@]}" "$DRIVERS/Drivers-x86-10_4-Demand/Later.kext"; do
     expect_mode "$driver/Contents" "755 0:0"
     expect_mode "$driver/Contents/Info.plist" "644 0:0"
 done
@@ -63,7 +62,6 @@ expect_loaded "$DRIVERS/Drivers/Inside.kext" "$DRIVERS/Drivers/Inside.kext" "$DR
 expect_calls 3 --where uid=0 /sbin/kextload "$DRIVERS/Drivers/Inside.kext"
 expect_mode "$APP/Contents/Shared/Shared.kext/Contents/Info.plist" "644 0:0"
 expect_mode /Library/Preferences/secret.plist "600 0:0"
-expect_mode "$USER_HOME/Elsewhere.kext" "700 $USER_ID:$USER_GID"
 expect_mode "$USER_HOME/Elsewhere.kext/Contents/Info.plist" "600 $USER_ID:$USER_GID"
 expect_line "$(main_log)" "Unknown: <date>: Drivers:171(Errors): QVK_Framework_SetDriverPermissions: \"$DRIVERS/Drivers/Secret.kext\" leads to \"/Library/Preferences/secret.plist\" outside \"$APP\"; left unchanged"
 expect_line "$(main_log)" "Unknown: <date>: Drivers:131(Trace): LoadDrivers: Executing \"/sbin/kextload \"$DRIVERS/Drivers/Inside.kext\"\""

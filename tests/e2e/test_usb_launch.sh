@@ -2,6 +2,7 @@
 source "$(dirname "$0")/lib.sh"
 
 LAUNCH_LINE='Unknown: <date>: Launch:80(Trace): LaunchMyApplication: /usr/bin/open -a "/Applications/Quorvik Connect.app"'
+LIST_LINE="Unknown: <date>: USBLauncher:111(Trace): -[QVK_Framework_Port_Module_USBLauncher QVK_Framework_PortModule_MatchingDictionaries]: $APP/Launcher.app/../Contents/Resources/NetworkBlocker.xml ->"
 
 scenario "two known modems present at start launch the application once"
 marker /tmp/Quorvik-PleaseDoLog
@@ -13,32 +14,25 @@ wait_until_serving
 stop_launcher
 expect_calls 1 /usr/bin/open -a "$APP"
 expect_line "$(main_log)" "$LAUNCH_LINE"
+expect_line "$(main_log)" "$LIST_LINE (null)"
 
-scenario "a known modem plugged in later launches the application"
-marker /tmp/Quorvik-PleaseDoLog
-launch --as root --background
-wait_until_serving
-plug 0af0 6971
-wait_for_call /usr/bin/open -a "$APP"
-stop_launcher
-expect_line "$(main_log)" \
-    "Unknown: <date>: USBLauncher:212(Trace): -[QVK_Framework_Port_Module_USBLauncher QVK_Framework_PortModule_Publish:]: Vendor 0x0af0 Product 0x6971"
-expect_calls 1 /usr/bin/open -a "$APP"
-
-scenario "only known modems count, and unplugging one launches nothing more"
+scenario "only a known modem plugged in later launches the application, and its removal nothing more"
 marker /tmp/Quorvik-PleaseDoLog
 plug 1234 5678
 launch --as root --background
 wait_until_serving
-plug 12d1 1003
+plug 0af0 6971
 wait_for_call /usr/bin/open -a "$APP"
 unplug "$PLUGGED"
 wait_until_serving
 stop_launcher
 expect_calls 1 /usr/bin/open -a "$APP"
+expect_line "$(main_log)" \
+    "Unknown: <date>: USBLauncher:212(Trace): -[QVK_Framework_Port_Module_USBLauncher QVK_Framework_PortModule_Publish:]: Vendor 0x0af0 Product 0x6971"
 expect_no_line "$(main_log)" "Vendor 0x1234"
 
 scenario "a modem named only in the package's device list launches the application"
+marker /tmp/Quorvik-PleaseDoLog
 put "$APP/Contents/Resources/NetworkBlocker.xml" <<'XML'
 <?xml version="1.0" encoding="UTF-8"?>
 <plist version="1.0">
@@ -54,6 +48,7 @@ plug 1e0e 9002
 launch --as root --background
 wait_for_call /usr/bin/open -a "$APP"
 stop_launcher
+expect_line "$(main_log)" "$LIST_LINE (\n        {\n        USB =         {\n            Product =             (\n                0x9001,\n                36866\n            );\n            Vendor = 0x1e0e;\n        };\n    }\n)"
 
 scenario "the user's preference 0 keeps the application from launching"
 marker /tmp/Quorvik-PleaseDoLog

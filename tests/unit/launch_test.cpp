@@ -3,10 +3,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "framework/base/shell_quote.h"
-#include "platform/clock.h"
-#include "platform/property_list.h"
-#include "platform/shell.h"
 #include "test_support.h"
 
 namespace qvk::test {
@@ -30,10 +26,8 @@ protected:
     }
     ~LaunchTest() override { ForgetPreviousLaunchForTesting(); }
 
-    void SetPreference(const Value& value) { WritePlist(prefs, {{"QVK Run Launcher", value}}); }
-    // Launches at a fresh time, so that only the preference decides.
-    bool LaunchesWith(const Value& value) {
-        SetPreference(value);
+    // Whether a request at a fresh time launches, so that only the preferences decide.
+    bool Launches() {
         clock.now += 10;
         std::size_t before = shell.commands.size();
         LaunchMyApplication();
@@ -54,91 +48,56 @@ protected:
     platform::Replace<platform::Shell> useShell{shell};
 };
 
-TEST_F(LaunchTest, EveryRequestRestartsTheTwoSecondInterval) {
+TEST_F(LaunchTest, EveryRequestRestartsTheTwoSecondIntervalASuppressedOneToo) {
     CapturingLogger logger;
-    LaunchMyApplication();  // the first request launches
-    clock.now = 1001.5;
-    LaunchMyApplication();  // 1.5 s later: dropped
-    clock.now = 1003.0;
-    LaunchMyApplication();  // 3 s after the launch but 1.5 s after the dropped one: dropped
-    clock.now = 1005.0;
-    LaunchMyApplication();  // exactly 2.0 s: dropped
-    clock.now = 1007.25;
-    LaunchMyApplication();  // 2.25 s: launches
+    for (double at : {1000.0, 1001.5, 1003.0, 1005.0, 1007.25}) {
+        clock.now = at;  // launches at 1000 and 2.25 s after the request before it
+        LaunchMyApplication();
+    }
     EXPECT_THAT(shell.commands, ElementsAre(command, command));
-
-    // Each request logs its call site; each launch its command.
     std::string request = "Launch:15(Trace): LaunchMyApplication";
     std::string launch = "Launch:80(Trace): LaunchMyApplication: " + command;
     EXPECT_THAT(logger.LogLines(), ElementsAre(request, launch, request, request, request, request, launch));
-}
+    EXPECT_THAT(shell.users, ElementsAre(0u, 0u)) << "as the user the Launcher acts for";
 
-TEST_F(LaunchTest, ThePreferenceZeroSuppressesTheLaunchButStillRestartsTheInterval) {
-    SetPreference(Value(0));
-    LaunchMyApplication();
-    EXPECT_THAT(shell.commands, IsEmpty());
+    WritePlist(prefs, {{"QVK Run Launcher", Value(0)}});
+    EXPECT_FALSE(Launches());
     std::filesystem::remove(prefs);
     clock.now += 1.0;
     LaunchMyApplication();
-    EXPECT_THAT(shell.commands, IsEmpty()) << "the suppressed request counted for the interval";
-    clock.now += 2.5;
-    LaunchMyApplication();
-    EXPECT_THAT(shell.commands, ElementsAre(command));
-
-    EXPECT_TRUE(LaunchesWith(Value(1)));
-    EXPECT_TRUE(LaunchesWith(Value(-3)));
-    EXPECT_TRUE(LaunchesWith(Value(" 7 apples")));
-    EXPECT_FALSE(LaunchesWith(Value("0")));
-    EXPECT_FALSE(LaunchesWith(Value("none")));
-    EXPECT_FALSE(LaunchesWith(Value(false)));
-    EXPECT_FALSE(LaunchesWith(Value(0.5)));
-    CapturingLogger logger;
-    EXPECT_TRUE(LaunchesWith(Value(Array{Value(0)})));
-    EXPECT_EQ(logger.entries.at(1).type, "Errors");
+    EXPECT_EQ(shell.commands.size(), 2u) << "the suppressed request counted for the interval";
 }
 
-TEST_F(LaunchTest, APreferenceOfAnotherDomainOrAnUnreadableInfoPlistMeansLaunch) {
+TEST_F(LaunchTest, OnlyTheIntegerZeroInTheApplicationsDomainSuppressesTheLaunch) {
+    const std::vector<std::pair<Value, bool>> values = {
+        {Value(0), false},  {Value("0"), false}, {Value("none"), false}, {Value(false), false},     {Value(0.5), false},
+        {Value(""), false}, {Value(1), true},    {Value(-3), true},      {Value(" 7 apples"), true}};
+    for (const auto& [value, launches] : values) {
+        WritePlist(prefs, {{"QVK Run Launcher", value}});
+        EXPECT_EQ(Launches(), launches) << OneLine(value.Description());
+    }
+    CapturingLogger logger;
+    WritePlist(prefs, {{"QVK Run Launcher", Value(Array{Value(0)})}});
+    EXPECT_TRUE(Launches()) << "no number";
+    EXPECT_EQ(logger.entries.at(1).type, "Errors");
+    WritePlist(prefs, {{"Another Key", Value(0)}});
+    EXPECT_TRUE(Launches()) << "no entry";
+    std::filesystem::remove(prefs);
     WritePlist(dir.path() + "/home/Library/Preferences/other.plist", {{"QVK Run Launcher", Value(0)}});
-    LaunchMyApplication();
-    SetPreference(Value(0));
+    EXPECT_TRUE(Launches()) << "another domain's entry";
+    WritePlist(prefs, {{"QVK Run Launcher", Value(0)}});
     WriteFile(app + "/Contents/Info.plist", "damaged");
-    clock.now += 3;
-    LaunchMyApplication();
-    EXPECT_THAT(shell.commands, ElementsAre(command, command));
+    EXPECT_TRUE(Launches()) << "no identifier to find the domain by";
 }
 
 TEST_F(LaunchTest, APathThatCouldLeaveTheQuotesIsRefused) {
     for (const char* name : {"/Bad\"; touch x; \".app", "/$(id).app", "/`id`.app", "/a\\.app", "/a\nb.app"}) {
-        std::string bad = dir.path() + name;
-        WritePlist(bad + "/Contents/Info.plist", {{"CFBundleIdentifier", "com.quorvik.Bad"}});
-        FakeBundle badBundle(bad + "/Launcher.app");
+        FakeBundle badBundle(dir.path() + name + "/Launcher.app");
         platform::Replace<platform::Bundle> use(badBundle);
         CapturingLogger logger;
-        clock.now += 10;
-        LaunchMyApplication();
-        ASSERT_EQ(logger.entries.size(), 2u) << name;
-        EXPECT_EQ(logger.entries[1].type, "Errors") << name;
+        EXPECT_FALSE(Launches()) << name;
+        EXPECT_EQ(logger.entries.at(1).type, "Errors") << name;
     }
-    EXPECT_THAT(shell.commands, IsEmpty());
-}
-
-TEST_F(LaunchTest, TheNoLaunchMarkerEndsTheProcessWithStatusZero) {
-    WriteFile(dir.path() + "/home/.Quorvik-NoLaunch-Brisel", "");
-    EXPECT_EXIT(
-        {
-            LaunchMyApplication();
-            std::exit(3);
-        },
-        ::testing::ExitedWithCode(0), "");
-    EXPECT_THAT(shell.commands, IsEmpty());
-}
-
-TEST(ShellQuote, OnlyTheCharactersThatEndOrExpandDoubleQuotesAreUnsafe) {
-    for (const char* safe : {"", "/Applications/Quorvik Connect.app", "/a/b'c&d;e|f*g?h(i)<j>~k!l#m",
-                             "/Programme/Qu\xc3\xb6rvik.app", "/tab\there"})
-        EXPECT_TRUE(QVK_Framework_SafeInDoubleQuotes(safe)) << safe;
-    for (std::string unsafe : std::vector<std::string>{"a\"b", "a$b", "a`b", "a\\b", "a\nb", std::string("a\0b", 3)})
-        EXPECT_FALSE(QVK_Framework_SafeInDoubleQuotes(unsafe)) << unsafe;
 }
 
 }  // namespace
