@@ -46,7 +46,15 @@ done
 expect_mode "$DRIVERS/Drivers-x86-10_3/Old.kext/Contents/Info.plist" "600 $USER_ID:$USER_GID"
 expect_mode "$DRIVERS/Drivers-ppc/Other.kext/Contents/Info.plist" "600 $USER_ID:$USER_GID"
 
-scenario "links are followed only inside the package; the loader runs as root"
+scenario "on 11.0 the search steps down across major releases to 10_3, never below" --version 11.0.1
+user_driver "$DRIVERS/Drivers-10_3/Old.kext"
+user_driver "$DRIVERS/Drivers-10_2/Older.kext"
+launch --background
+wait_until_serving
+stop_launcher
+expect_loaded "$DRIVERS/Drivers-10_3/Old.kext" "$DRIVERS/Drivers-10_3/Old.kext" "$DRIVERS/Drivers-10_3/Old.kext"
+
+scenario "links are followed only inside the package, a second name or a way back stops a driver; the loader runs as root"
 user_driver "$APP/Contents/Shared/Shared.kext"
 user_driver "$USER_HOME/Elsewhere.kext"
 echo secret | put /Library/Preferences/secret.plist 0600 0:0
@@ -54,6 +62,11 @@ folder "$DRIVERS/Drivers"
 in_root ln -s ../../Shared/Shared.kext "$DRIVERS/Drivers/Inside.kext"
 in_root ln -s /Library/Preferences/secret.plist "$DRIVERS/Drivers/Secret.kext"
 in_root ln -s "$USER_HOME/Elsewhere.kext" "$DRIVERS/Drivers/Elsewhere.kext"
+user_driver "$DRIVERS/Drivers/Linked.kext"
+in_root ln /Library/Preferences/secret.plist "$DRIVERS/Drivers/Linked.kext/Contents/Copy"
+user_driver "$DRIVERS/Drivers/Loop.kext"
+in_root ln -s .. "$DRIVERS/Drivers/Loop.kext/Contents/Up"
+in_root ln -s . "$DRIVERS/Drivers/Self.Quorvik-Package"
 marker /tmp/Quorvik-PleaseDoLog
 launch --background
 wait_until_serving
@@ -64,6 +77,9 @@ expect_mode "$APP/Contents/Shared/Shared.kext/Contents/Info.plist" "644 0:0"
 expect_mode /Library/Preferences/secret.plist "600 0:0"
 expect_mode "$USER_HOME/Elsewhere.kext/Contents/Info.plist" "600 $USER_ID:$USER_GID"
 expect_line "$(main_log)" "Unknown: <date>: Drivers:171(Errors): QVK_Framework_SetDriverPermissions: \"$DRIVERS/Drivers/Secret.kext\" leads to \"/Library/Preferences/secret.plist\" outside \"$APP\"; left unchanged"
+expect_line "$(main_log)" "Unknown: <date>: Drivers:176(Errors): QVK_Framework_SetDriverPermissions: \"$DRIVERS/Drivers/Linked.kext/Contents/Copy\" has 2 links; left unchanged"
+expect_line "$(main_log)" "Unknown: <date>: Drivers:184(Errors): QVK_Framework_SetDriverPermissions: \"$DRIVERS/Drivers/Loop.kext/Contents/Up\" leads back into a folder being walked"
+expect_line "$(main_log)" "Unknown: <date>: Drivers:104(Errors): LoadDrivers: \"$DRIVERS/Drivers/Self.Quorvik-Package\" leads back into a folder being walked"
 expect_line "$(main_log)" "Unknown: <date>: Drivers:131(Trace): LoadDrivers: Executing \"/sbin/kextload \"$DRIVERS/Drivers/Inside.kext\"\""
 
 scenario "a just-moved installation leaves the drivers alone, even with an empty QUORVIKCRAP_INSTALLATIONMOVED"
