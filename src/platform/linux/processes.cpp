@@ -1,11 +1,15 @@
-// Children are prepared wholly before fork: between fork and execve the child makes only
-// async-signal-safe system calls (a forked copy of a threaded process may not take locks or
-// allocate).
+// Children are prepared wholly in the parent. A child is started as vfork does it (clone with
+// CLONE_VM | CLONE_VFORK on a stack of its own): it shares the parent's memory until execve, and the
+// calling thread waits until then, so no copy of the address space is made only to be thrown away.
+// Between clone and execve the child therefore makes only system calls: it allocates nothing, takes
+// no lock and writes no memory of the parent's but errno.
 #include "platform/processes.h"
 
 #include <fcntl.h>
 #include <linux/close_range.h>
+#include <sched.h>
 #include <signal.h>
+#include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -28,6 +32,23 @@ namespace {
 // What /bin/sh searches when the environment names no PATH.
 constexpr const char* kShell = "/bin/sh";
 constexpr const char* kDefaultPath = "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin";
+
+// Whom an identity change reaches: the whole process (glibc's calls, which every thread follows), or
+// the calling thread alone, as in a child that shares its parent's memory: glibc's calls would
+// signal the parent's threads and take its locks there.
+enum class Scope { Process, Child };
+
+// TakeIdentity by raw system calls, for a child that shares its parent's memory.
+int TakeIdentityInChild(const Account& account) {
+    if (syscall(SYS_setgroups, account.groups.size(), account.groups.data()) != 0 ||
+        syscall(SYS_setresgid, account.gid, account.gid, account.gid) != 0 ||
+        syscall(SYS_setresuid, account.uid, account.uid, account.uid) != 0)
+        return errno;
+    if (getuid() != account.uid || geteuid() != account.uid || getgid() != account.gid || getegid() != account.gid)
+        return EPERM;
+    if (account.uid != 0 && syscall(SYS_setuid, 0) == 0) return EPERM;
+    return 0;
+}
 
 // A child program turned into what its process needs, with every allocation made in the parent.
 class Plan {
@@ -62,11 +83,14 @@ public:
             }
         }
         argv_ = Pointers(arguments_);
-        scriptArgv_ = {const_cast<char*>(kShell), nullptr};
-        scriptArgv_.insert(scriptArgv_.end(), argv_.begin() + (arguments_.empty() ? 0 : 1), argv_.end());
         envp_ = Pointers(environment_);
-        paths_.clear();
-        for (const std::string& candidate : candidates_) paths_.push_back(candidate.c_str());
+        // Each place's script vector: "/bin/sh", the place, the arguments after the first.
+        scripts_.clear();
+        for (std::string& candidate : candidates_) {
+            std::vector<char*>& script = scripts_.emplace_back();
+            script = {const_cast<char*>(kShell), candidate.data()};
+            script.insert(script.end(), argv_.begin() + (arguments_.empty() ? 0 : 1), argv_.end());
+        }
         struct rlimit limit {};
         highestDescriptor_ = getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur != RLIM_INFINITY
                                  ? static_cast<int>(std::min<rlim_t>(limit.rlim_cur, 1 << 20))
@@ -74,35 +98,38 @@ public:
         return true;
     }
 
-    // In the child (or in place): takes the identity, resets signals, leaves descriptors 0-2 only,
+    // In the child (or in place): resets signals, takes the identity, leaves descriptors 0-2 only,
     // and executes. Returns the errno that ends the attempt.
-    int Execute() {
+    int Execute(Scope scope) {
         struct sigaction standard {};
         standard.sa_handler = SIG_DFL;
         for (int signal = 1; signal < NSIG; ++signal) sigaction(signal, &standard, nullptr);
-        sigset_t none;
-        sigemptyset(&none);
-        sigprocmask(SIG_SETMASK, &none, nullptr);
 
         if (account_) {
-            if (int error = TakeIdentity(*account_)) return error;
+            if (int error = scope == Scope::Process ? TakeIdentity(*account_) : TakeIdentityInChild(*account_))
+                return error;
         } else if (shellIdentity_ && (getuid() != geteuid() || getgid() != getegid())) {
             // What /bin/sh does when it is started with ids that differ.
-            if (setuid(getuid()) != 0 || setgid(getgid()) != 0) return errno;
+            bool failed = scope == Scope::Process
+                              ? setuid(getuid()) != 0 || setgid(getgid()) != 0
+                              : syscall(SYS_setuid, getuid()) != 0 || syscall(SYS_setgid, getgid()) != 0;
+            if (failed) return errno;
         }
 
         if (syscall(SYS_close_range, 3u, ~0u, CLOSE_RANGE_CLOEXEC) != 0)
             for (int fd = 3; fd < highestDescriptor_; ++fd) fcntl(fd, F_SETFD, FD_CLOEXEC);
 
+        // Unblocked last: a signal the user sends once the child is theirs waits for their program.
+        sigset_t none;
+        sigemptyset(&none);
+        sigprocmask(SIG_SETMASK, &none, nullptr);
+
         // As the shell: every place is tried, and the last one that was there but failed decides. A
         // file that is no program is read by /bin/sh, as the shell reads a script.
         int result = ENOENT;
-        for (const char* path : paths_) {
-            execve(path, argv_.data(), envp_.data());
-            if (errno == ENOEXEC) {
-                scriptArgv_[1] = const_cast<char*>(path);
-                execve(kShell, scriptArgv_.data(), envp_.data());
-            }
+        for (std::vector<char*>& script : scripts_) {
+            execve(script[1], argv_.data(), envp_.data());
+            if (errno == ENOEXEC) execve(kShell, script.data(), envp_.data());
             if (errno != ENOENT && errno != ENOTDIR) result = errno;
         }
         return result;
@@ -121,16 +148,14 @@ private:
     std::vector<std::string> candidates_;
     std::vector<char*> argv_;
     std::vector<char*> envp_;
-    // "/bin/sh", the path (filled in by the child), the arguments after the first.
-    std::vector<char*> scriptArgv_;
-    std::vector<const char*> paths_;
+    std::vector<std::vector<char*>> scripts_;
     std::optional<Account> account_;
     bool shellIdentity_ = false;
     int highestDescriptor_ = 0;
 };
 
-// Signals stay blocked from just before fork until the child has reset its handlers, so that no
-// handler of the parent ever runs in the child.
+// Signals stay blocked from just before the clone until the child has reset its handlers, so that no
+// handler of the parent ever runs in the child on the memory the two share.
 class BlockedSignals {
 public:
     BlockedSignals() {
@@ -159,20 +184,59 @@ int WaitFor(pid_t pid) {
     return status;
 }
 
-// Forks a child that executes the plan; `output`, when valid, becomes its standard output. The
-// child's failure to execute arrives on `failure` as an errno.
-pid_t Fork(Plan& plan, int failure, int output) {
-    BlockedSignals blocked;
-    pid_t pid = fork();
-    if (pid == 0) {
-        if (output >= 0 && dup2(output, STDOUT_FILENO) < 0) {
-            WriteErrno(failure, errno);
-            _exit(127);
+// The child's stack, mapped for one start: the parent's own stack is in use by the parent's frames
+// below the clone call.
+class ChildStack {
+public:
+    static constexpr std::size_t kSize = 256 * 1024;
+    ChildStack() : base_(mmap(nullptr, kSize, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_STACK, -1, 0)) {
+        // The lowest page stays out of reach, so that an overflow faults instead of writing below.
+        if (base_ != MAP_FAILED && mprotect(base_, kGuard, PROT_NONE) != 0) {
+            munmap(base_, kSize);
+            base_ = MAP_FAILED;
         }
-        WriteErrno(failure, plan.Execute());
+    }
+    ~ChildStack() {
+        if (base_ != MAP_FAILED) munmap(base_, kSize);
+    }
+    ChildStack(const ChildStack&) = delete;
+    ChildStack& operator=(const ChildStack&) = delete;
+
+    // The top of the stack, null when it could not be mapped.
+    void* top() const { return base_ == MAP_FAILED ? nullptr : static_cast<char*>(base_) + kSize; }
+
+private:
+    static constexpr std::size_t kGuard = 4096;
+    void* base_;
+};
+
+struct ChildStart {
+    Plan* plan;
+    int failure;
+    int output;
+};
+
+// Not instrumented by AddressSanitizer, which cannot tell this stack from the parent's when the child
+// ends.
+[[gnu::no_sanitize_address]] int ChildMain(void* data) {
+    const ChildStart& start = *static_cast<const ChildStart*>(data);
+    if (start.output >= 0 && dup2(start.output, STDOUT_FILENO) < 0) {
+        WriteErrno(start.failure, errno);
         _exit(127);
     }
-    return pid;
+    WriteErrno(start.failure, start.plan->Execute(Scope::Child));
+    _exit(127);
+}
+
+// Starts a child that executes the plan; `output`, when valid, becomes its standard output. The
+// child's failure to execute arrives on `failure` as an errno. Returns once the child executed the
+// program or ended.
+pid_t StartChild(Plan& plan, int failure, int output) {
+    ChildStack stack;
+    if (!stack.top()) return -1;
+    ChildStart start{&plan, failure, output};
+    BlockedSignals blocked;
+    return clone(ChildMain, stack.top(), CLONE_VM | CLONE_VFORK | SIGCHLD, &start);
 }
 
 // Runs the plan and waits; `collect` receives the child's standard output when given.
@@ -187,7 +251,7 @@ int RunPlan(Plan& plan, std::string* collect) {
         outputRead.reset(output[0]);
         outputWrite.reset(output[1]);
     }
-    pid_t pid = Fork(plan, reportWrite.get(), outputWrite.get());
+    pid_t pid = StartChild(plan, reportWrite.get(), outputWrite.get());
     if (pid < 0) return -1;
     reportWrite.reset();
     outputWrite.reset();
@@ -227,7 +291,7 @@ public:
 
     pid_t Start(const ChildProgram& child) override {
         Plan plan;
-        return plan.Prepare(child) ? Fork(plan, -1, -1) : -1;
+        return plan.Prepare(child) ? StartChild(plan, -1, -1) : -1;
     }
 
     int Wait(pid_t pid) override { return WaitFor(pid); }
@@ -235,7 +299,7 @@ public:
     int Replace(const ChildProgram& child) override {
         Plan plan;
         if (!plan.Prepare(child)) return -1;
-        errno = plan.Execute();
+        errno = plan.Execute(Scope::Process);
         return -1;
     }
 };
