@@ -12,13 +12,6 @@ user_driver() {
         e2e_die "cannot make the driver $1"
 }
 
-# Mode and owner of PATH itself. Usage: expect_mode PATH "755 0:0"
-expect_mode() {
-    local got
-    got=$(in_root stat -c '%a %u:%g' -- "$1")
-    e2e_check "$1 is $2 (got $got)" [ "$got" = "$2" ]
-}
-
 # The loader's calls in journal order. Usage: expect_loaded PATH...
 expect_loaded() {
     local got expected

@@ -34,34 +34,13 @@ expect_no_line "$(main_log)" "Vendor 0x1234"
 scenario "a modem named only in the package's device list launches the application"
 marker /tmp/Quorvik-PleaseDoLog
 put "$APP/Contents/Resources/NetworkBlocker.xml" <<'XML'
-<?xml version="1.0" encoding="UTF-8"?>
-<plist version="1.0">
-<array>
-	<dict>
-		<key>USB</key>
-		<dict><key>Vendor</key><string>0x1e0e</string><key>Product</key><array><string>0x9001</string><string>36866</string></array></dict>
-	</dict>
-</array>
-</plist>
+<plist version="1.0"><array><dict><key>USB</key><dict><key>Vendor</key><string>0x1e0e</string><key>Product</key><array><string>0x9001</string><string>36866</string></array></dict></dict></array></plist>
 XML
 plug 1e0e 9002
 launch --as root --background
 wait_for_call /usr/bin/open -a "$APP"
 stop_launcher
 expect_line "$(main_log)" "$LIST_LINE (\n        {\n        USB =         {\n            Product =             (\n                0x9001,\n                36866\n            );\n            Vendor = 0x1e0e;\n        };\n    }\n)"
-
-scenario "the user's preference 0 keeps the application from launching"
-marker /tmp/Quorvik-PleaseDoLog
-put "$USER_HOME/Library/Preferences/com.quorvik.Connect.plist" 0644 "$USER_ID:$USER_GID" <<'XML'
-<?xml version="1.0" encoding="UTF-8"?>
-<plist version="1.0"><dict><key>QVK Run Launcher</key><integer>0</integer></dict></plist>
-XML
-plug 12d1 1001
-launch --as root --background
-wait_for_log "$(main_log)" "Launch:15(Trace): LaunchMyApplication"
-wait_until_serving
-stop_launcher
-expect_no_call /usr/bin/open
 
 scenario "a no-launch marker made while it runs ends the Launcher at the next modem"
 launch --as root --background

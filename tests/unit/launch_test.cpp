@@ -57,7 +57,7 @@ TEST_F(LaunchTest, EveryRequestRestartsTheTwoSecondIntervalASuppressedOneToo) {
     EXPECT_EQ(shell.commands.size(), 2u) << "the suppressed request counted for the interval";
 }
 
-TEST_F(LaunchTest, OnlyTheIntegerZeroInTheApplicationsDomainSuppressesTheLaunch) {
+TEST_F(LaunchTest, OnlyTheIntegerZeroInTheApplicationsDomainOrAnUnquotablePathStopTheLaunch) {
     const std::vector<std::pair<Value, bool>> values = {
         {Value(0), false},  {Value("0"), false}, {Value("none"), false}, {Value(false), false},     {Value(0.5), false},
         {Value(""), false}, {Value(1), true},    {Value(-3), true},      {Value(" 7 apples"), true}};
@@ -77,9 +77,8 @@ TEST_F(LaunchTest, OnlyTheIntegerZeroInTheApplicationsDomainSuppressesTheLaunch)
     WritePlist(prefs, {{"QVK Run Launcher", Value(0)}});
     WriteFile(app + "/Contents/Info.plist", "damaged");
     EXPECT_TRUE(Launches()) << "no identifier to find the domain by";
-}
 
-TEST_F(LaunchTest, APathThatCouldLeaveTheQuotesIsRefused) {
+    // A path that could leave the command's quotes is refused.
     for (const char* name : {"/Bad\"; touch x; \".app", "/$(id).app", "/`id`.app", "/a\\.app", "/a\nb.app"}) {
         FakeBundle badBundle(dir.path() + name + "/Launcher.app");
         platform::Replace<platform::Bundle> use(badBundle);
