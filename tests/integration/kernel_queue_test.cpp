@@ -1,4 +1,5 @@
 // The kernel event queue on inotify and epoll, and the file monitor on it, against real folders.
+#include <pthread.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/time.h>
@@ -35,7 +36,7 @@ KernelEvent Watch(int fd, std::uint16_t flags) {
 struct Queue {
     platform::KernelQueue& service = platform::Use<platform::KernelQueue>();
     platform::UniqueKernelQueue queue{service, service.Create()};
-    // Applies `change` and gives the notes of the records one wait returns.
+    // Applies `change` and gives the notes of the records one wait returns; a failed wait gives {0}.
     Notes Wait(const KernelEvent& change, const timespec& timeout) {
         KernelEvent out[4]{};
         int n = service.Event(queue.get(), &change, 1, out, 4, &timeout);
@@ -94,14 +95,21 @@ TEST(KernelQueue, AWaitInterruptedByASignalGoesOnWaiting) {
     sigaction(SIGALRM, &previous, nullptr);
 }
 
-TEST(FileMonitor, AMissingPathFailsCreationAndLeavesNothingOpen) {
+TEST(FileMonitor, ACreationThatFailsLeavesNothingOpen) {
     TempDir dir;
-    auto open = [] { return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}); };
-    auto before = open();
-    auto monitor = std::make_shared<QVK_Framework_FileMonitor>();
-    EXPECT_FALSE(monitor->QVK_Framework_FileMonitor_InitForName(dir.path() + "/missing", platform::kNoteRename));
-    EXPECT_EQ(open(), before);
-    EXPECT_EQ(monitor->QVK_Framework_FileMonitor_MonitoredHandle(), -1);
+    // No thread can start: every new thread would want more stack than there is address space.
+    RunInChild([&] {
+        pthread_attr_t huge;
+        pthread_attr_init(&huge);
+        ASSERT_EQ(pthread_attr_setstacksize(&huge, std::size_t{1} << 48), 0);
+        ASSERT_EQ(pthread_setattr_default_np(&huge), 0);
+        auto open = [] { return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}); };
+        auto before = open();
+        auto monitor = std::make_shared<QVK_Framework_FileMonitor>();
+        EXPECT_FALSE(monitor->QVK_Framework_FileMonitor_InitForName(dir.path(), platform::kNoteRename));
+        EXPECT_EQ(open(), before);
+        EXPECT_EQ(monitor->QVK_Framework_FileMonitor_MonitoredHandle(), -1);
+    });
 }
 
 }  // namespace

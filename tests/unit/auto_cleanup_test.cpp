@@ -1,7 +1,6 @@
 // Whether the watched application folder is in the Trash now: asked through the watch's
 // descriptor after real moves.
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <filesystem>
 
@@ -21,8 +20,7 @@ TEST(TrashedApp, AnAncestorNamedDotTrashInAnyCaseAndAtAnyDepthCountsAndNothingEl
         {d + "/home/.Trash.old/Pkg.app", false},
         {d + "/home/Apps/.Trash", false},  // the folder's own name is not looked at
     };
-    char before[PATH_MAX];
-    ASSERT_TRUE(getcwd(before, sizeof before));
+    const std::filesystem::path before = std::filesystem::current_path();
     int n = 0;
     for (const auto& [to, trashed] : cases) {
         SCOPED_TRACE(to);
@@ -37,9 +35,7 @@ TEST(TrashedApp, AnAncestorNamedDotTrashInAnyCaseAndAtAnyDepthCountsAndNothingEl
         std::optional<std::string> path;
         EXPECT_EQ(watch->QVK_Framework_AutoCleanup_IsTrashedApp(&path), trashed);
         EXPECT_EQ(path, to);
-        char after[PATH_MAX];
-        ASSERT_TRUE(getcwd(after, sizeof after));
-        EXPECT_STREQ(after, before) << "the working directory is restored";
+        EXPECT_EQ(std::filesystem::current_path(), before) << "the working directory is restored";
     }
 }
 
