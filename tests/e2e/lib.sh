@@ -30,7 +30,8 @@
 #            not_administrator
 #            tool_status TOOL N   record_env NAME...   plug VENDOR PRODUCT
 #   run:     launch [--as user|root] [--env N=V] [--unset N] [--background] [--timeout S] [-- ARG...]
-#            wait_until_serving   wait_for_log FILE TEXT   wait_for_call TOOL ARG...   stop_launcher
+#            serve [LAUNCH-ARG...]
+#            wait_until_serving   wait_for_call TOOL ARG...   stop_launcher
 #            unplug NAME   e2e_wait_end S
 #   checks:  expect_status N   expect_line FILE LINE   expect_no_line FILE TEXT   expect_head FILE LINE...
 #            expect_no_logs   expect_file PATH   expect_no_file PATH   expect_no_files GLOB
@@ -141,14 +142,7 @@ marker() {
 }
 
 # Takes the user out of every administrators' group.
-not_administrator() { e2e_administrator no; }
-
-# Puts the user into group sudo (yes) or out of admin, sudo and wheel (no).
-e2e_administrator() {
-    local group
-    for group in admin sudo wheel; do in_root gpasswd -d "$USER_NAME" "$group" >/dev/null 2>&1; done
-    [ "$1" = no ] || in_root gpasswd -a "$USER_NAME" sudo >/dev/null || e2e_die "cannot make $USER_NAME an administrator"
-}
+not_administrator() { for g in admin sudo wheel; do in_root gpasswd -d "$USER_NAME" "$g" >/dev/null 2>&1; done; }
 
 # The exit status a stand-in answers with. Usage: tool_status TOOL-NAME STATUS
 tool_status() { echo "$2" | put "/.e2e/status/$1"; }
@@ -235,7 +229,8 @@ e2e_make_world() {
     in_root /bin/sh -c 'sed -i -e "/^$1:/d" -e "/^[^:]*:[^:]*:$2:/d" /etc/passwd && echo "$1:x:$2:$3:Maria:$4:/bin/sh" >>/etc/passwd' \
         sh "$USER_NAME" "$USER_ID" "$USER_GID" "$USER_HOME" || e2e_die "cannot add the user $USER_NAME"
     # She installed the package, so she administers the machine.
-    e2e_administrator yes
+    not_administrator
+    in_root gpasswd -a "$USER_NAME" sudo >/dev/null || e2e_die "cannot make $USER_NAME an administrator"
     folder --owner "$USER_ID:$USER_GID" "$USER_HOME" "$USER_HOME/Library" "$USER_HOME/Library/Preferences" \
         "$USER_HOME/Library/LaunchAgents" "$USER_HOME/.Trash"
 
@@ -306,11 +301,7 @@ launch() {
 }
 
 # The Launcher's command line while it runs, its arguments shown as "[arg]".
-command_line() {
-    local args=() arg
-    mapfile -d '' args <"/proc/$PID/cmdline"
-    for arg in "${args[@]}"; do printf '[%s]' "$arg"; done
-}
+command_line() { tr '\0' '\n' <"/proc/$PID/cmdline" | sed 's/.*/[&]/' | tr -d '\n'; }
 
 # True while the Launcher runs (a finished one that was not collected yet does not count).
 e2e_alive() {
@@ -322,9 +313,8 @@ e2e_ended() { ! e2e_alive; }
 
 # Waits up to $1 seconds for the Launcher to end and collects STATUS; kills it when it does not.
 e2e_wait_end() {
-    local ended=0
-    e2e_poll "$1" e2e_ended && ended=1
-    [ "$ended" = 1 ] || kill -KILL "$PID" 2>/dev/null
+    local ended=1
+    e2e_poll "$1" e2e_ended || { ended=0 && kill -KILL "$PID" 2>/dev/null; }
     wait "$PID" 2>/dev/null
     STATUS=$?
     [ "$ended" = 1 ]
@@ -357,14 +347,12 @@ e2e_serving_or_ended() {
     [ $E2E_SEEN = 2 ]
 }
 
-# Waits until FILE (a sandbox path) has a line containing TEXT. Usage: wait_for_log FILE TEXT [S]
-wait_for_log() {
-    e2e_poll "${3:-10}" e2e_logged_or_ended "$1" "$2"
-    e2e_check "$1 has a line with: $2" e2e_logged "$1" "$2"
-    e2e_logged "$1" "$2"
+# Runs the Launcher in the background until it serves its run loop, then stops it. Usage: serve [LAUNCH-ARG...]
+serve() {
+    launch --background "$@"
+    wait_until_serving
+    stop_launcher
 }
-e2e_logged() { grep -qF -- "$2" "$ROOT$1" 2>/dev/null; }
-e2e_logged_or_ended() { e2e_logged "$@" || ! e2e_alive; }
 
 # The log files of the Launcher's process (sandbox paths).
 main_log() { echo "/tmp/Quorvik.Log.$PID"; }
@@ -415,7 +403,6 @@ unplug() { e2e_usb_command "remove $1"; }
 
 # --- Checks --------------------------------------------------------------------------------------
 
-e2e_pass() { E2E_CHECKS=$((E2E_CHECKS + 1)); echo "  ok    $*"; }
 e2e_fail() {
     E2E_CHECKS=$((E2E_CHECKS + 1)) E2E_FAILED=$((E2E_FAILED + 1)) E2E_SCENARIO_FAILED=1
     echo "  FAIL  $*"
@@ -423,7 +410,7 @@ e2e_fail() {
 e2e_check() {
     local what=$1
     shift
-    if "$@"; then e2e_pass "$what"; else e2e_fail "$what"; fi
+    if "$@"; then E2E_CHECKS=$((E2E_CHECKS + 1)) && echo "  ok    $what"; else e2e_fail "$what"; fi
 }
 
 expect_status() {
@@ -450,21 +437,18 @@ e2e_lacks_text() { ! grep -qF -- "$2" "$ROOT$1" 2>/dev/null; }
 
 # FILE begins with exactly these lines. Usage: expect_head FILE LINE...
 expect_head() {
-    local file=$1 expected actual
-    shift
-    expected=$(printf '%s\n' "$@") actual=$(e2e_lines "$file" 2>/dev/null | head -n $#)
-    e2e_check "$file begins with: $(printf '%s|' "$@")" [ "$actual" = "$expected" ]
+    local actual
+    actual=$(e2e_lines "$1" 2>/dev/null | head -n $(($# - 1)))
+    e2e_check "$1 begins with: $(printf '%s|' "${@:2}")" [ "$actual" = "$(printf '%s\n' "${@:2}")" ]
 }
 
 # No log file of either logger anywhere (/tmp and the home folder).
-expect_no_logs() {
-    local found=("$ROOT"/tmp/Quorvik.* "$ROOT$USER_HOME"/Quorvik.*)
-    e2e_check "no log files (found: ${found[*]#"$ROOT"})" [ ${#found[@]} = 0 ]
-}
+expect_no_logs() { expect_no_files "{/tmp,$USER_HOME}/Quorvik.*"; }
 
-# No file matches the sandbox glob. Usage: expect_no_files GLOB
+# No file matches the sandbox glob (braces expanded). Usage: expect_no_files GLOB
 expect_no_files() {
-    local found=("$ROOT"$1)
+    local found
+    eval "found=(\"\$ROOT\"$1)"
     e2e_check "no file like $1 (found: ${found[*]#"$ROOT"})" [ ${#found[@]} = 0 ]
 }
 

@@ -46,8 +46,6 @@ marker "$USER_HOME/Quorvik-DoLog" 1
 next=$(($(cat /proc/sys/kernel/ns_last_pid) + 1))
 in_root /bin/sh -c 'cd /tmp && mkfifo -m 0666 $(seq -f "Quorvik.Log.%g" "$1" "$2") && chown "$3" Quorvik.Log.*' \
     sh "$next" "$((next + 400))" "$OTHER" || e2e_die "cannot plant the pipes"
-launch --background
-wait_until_serving
-stop_launcher
+serve
 e2e_check "the pipe at $(main_log) is left as it was" test -p "$ROOT$(main_log)"
 expect_users "$USER_HOME/Quorvik.*"

@@ -10,6 +10,4 @@ expect_no_calls
 scenario "the marker counts only in the home folder"
 marker "/tmp/.Quorvik-NoLaunch-Brisel"
 marker "/Users/.Quorvik-NoLaunch-Brisel"
-launch --background
-wait_until_serving
-stop_launcher
+serve

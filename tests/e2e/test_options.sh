@@ -12,8 +12,6 @@ expect_no_call /usr/bin/zenity
 
 scenario "near misses of the options lead to the normal life"
 marker /tmp/Quorvik-PleaseDoLog
-launch --background -- --qvk-uninstall=1 --QVK-UNINSTALL --qvk-uninstallx -qvk-uninstall " --qvk-uninstall" \
+serve -- --qvk-uninstall=1 --QVK-UNINSTALL --qvk-uninstallx -qvk-uninstall " --qvk-uninstall" \
     --qvk-drivers-uninstall=yes --qvk-drivers-uninstal --uid 0
-wait_until_serving
-stop_launcher
 expect_no_line "$(main_log)" "Found --qvk-uninstall"

@@ -2,16 +2,12 @@
 source "$(dirname "$0")/lib.sh"
 
 scenario "without markers nothing is logged anywhere"
-launch --background
-wait_until_serving
-stop_launcher
+serve
 expect_no_logs
 
 scenario "the main marker in /tmp writes the combined file with its header" --version 10.5.8
 marker /tmp/Quorvik-PleaseDoLog
-launch --background
-wait_until_serving
-stop_launcher
+serve
 expect_head "$(main_log)" "Project Launcher Build (null)" "" "System version 00001058" ""
 expect_line "$(main_log)" "Unknown: <date>: AppName:61(Trace): GetCString: CFBundleDisplayName -> Quorvik Connect"
 expect_line "$(main_log)" 'Unknown: <date>: AppName:90(Trace): GetAppName: QVK_Framework_BuildID="201104.120000"'
@@ -21,9 +17,7 @@ expect_no_files '/tmp/Quorvik.[0-9]*.log'
 scenario "the split marker adds one file per log type" --version 10.10.3
 marker /tmp/Quorvik-PleaseDoLog
 marker /tmp/Quorvik-PleaseDoLog-Split
-launch --background
-wait_until_serving
-stop_launcher
+serve
 expect_head "$(type_log Trace)" "Project Launcher Build (null)" "" "System version 00001093" ""
 expect_line "$(type_log Trace)" "Unknown <date> AppName 61 GetCString: CFBundleName -> Quorvik"
 expect_line "$(main_log)" "Unknown: <date>: AppName:61(Trace): GetCString: CFBundleName -> Quorvik"
@@ -31,25 +25,19 @@ expect_no_file "$(type_log Errors)"
 
 scenario "the split marker alone logs nothing"
 marker /tmp/Quorvik-PleaseDoLog-Split
-launch --background
-wait_until_serving
-stop_launcher
+serve
 expect_no_logs
 
 scenario "the main marker in the home folder still logs to /tmp" --no-version
 marker "$USER_HOME/Quorvik-PleaseDoLog"
-launch --background
-wait_until_serving
-stop_launcher
+serve
 expect_head "$(main_log)" "Project Launcher Build (null)" "" "System version 00001090" ""
 expect_line "$(main_log)" "Unknown: <date>: AppName:61(Trace): GetCString: CFBundleDisplayName -> Quorvik Connect"
 
 scenario "the depth marker in /tmp writes a timestamped file with its header" --version 10.5.8
 marker /tmp/Quorvik-DoLog 255
 before=$(stamp)
-launch --background
-wait_until_serving
-stop_launcher
+serve
 after=$(stamp)
 find_one depth '/tmp/Quorvik.[0-9]*.log'
 expect_head "$depth" "Project Launcher Build (null)" "" "System version 00001058 | Log Depth 255" "" \
@@ -60,18 +48,14 @@ expect_no_file "$(main_log)"
 
 scenario "a depth mask without the start-up bit gives a header and no lines"
 marker /tmp/Quorvik-DoLog "4 levels"
-launch --background
-wait_until_serving
-stop_launcher
+serve
 find_one depth '/tmp/Quorvik.[0-9]*.log'
 expect_head "$depth" "Project Launcher Build (null)" "" "System version 00001068 | Log Depth 4" ""
 expect_no_line "$depth" "NoneLaunch"
 
 scenario "the depth marker in the home folder writes a .txt file there, without header"
 marker "$USER_HOME/Quorvik-DoLog" 1
-launch --background
-wait_until_serving
-stop_launcher
+serve
 find_one depth "$USER_HOME/Quorvik.[0-9]*.txt"
 expect_head "$depth" "<date> Unknown Main:42 Nomain NoneLaunch"
 expect_no_files '/tmp/Quorvik.*'

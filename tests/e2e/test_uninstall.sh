@@ -169,14 +169,13 @@ expect_status 0
 expect_journal <<<"$QUESTION | uid=$USER_ID DISPLAY=:5"
 expect_unchanged
 
-# Starts the Launcher, waits until it serves, and moves the application folder to TO (its folder
-# made first when missing); the Launcher must then end by itself. Usage: run_and_move TO
-run_and_move() {
+# Starts the Launcher, waits until it serves and runs COMMAND in the root; the Launcher must then
+# end by itself. Usage: run_then COMMAND...
+run_then() {
     launch --background --env DISPLAY=:5
     wait_until_serving || return
-    [ -d "$ROOT$(dirname "$1")" ] || folder "$(dirname "$1")"
-    in_root mv "$APP" "$1" || e2e_die "cannot move the application"
-    e2e_wait_end 10 || e2e_fail "the Launcher did not end after the application was moved"
+    in_root "$@" || e2e_die "cannot run $*"
+    e2e_wait_end 10 || e2e_fail "the Launcher did not end after: $*"
 }
 
 scenario "dragged into the Trash: the package removes itself from there with its drivers, tells the user and ends"
@@ -192,7 +191,7 @@ kext "$APP/Contents/Drivers-Install/Drivers/Other.kext" 1300000060
 kext /System/Library/Outside.kext 1300000000
 echo x | put /System/Libraries/Extensions.mkext
 TRASHED="$USER_HOME/.Trash/Quorvik Connect.app"
-run_and_move "$TRASHED"
+run_then mv "$APP" "$TRASHED"
 expect_status 0
 expect_line "$(main_log)" "Unknown: <date>: Apple/../../../Framework/Library/Filesystem/Apple/FilesystemMonitor:172(Trace): -[QVK_Framework_FileMonitor QVK_Framework_FileMonitor_Triggered:]: $APP"
 expect_line "$(main_log)" "Unknown: <date>: ../../Framework/Library/Basic/AutoCleanup:58(Trace): -[QVK_Framework_AutoCleanup QVK_Framework_AutoCleanup_IsTrashedApp:]: App is in \"$TRASHED\""
@@ -216,7 +215,8 @@ DEFAULTS="$USER_HOME/Library/Preferences/com.quorvik.Launcher.plist"
 e2e_plist_string_dict "QVK Autostart Installed 201104.120000" yes "QVK Autostart Installed 190101.000000" yes |
     put "$DEFAULTS" 0644 "$USER_ID:$USER_GID"
 MOVED="/Applications/Quorvik/Quorvik Connect.app"
-run_and_move "$MOVED"
+folder /Applications/Quorvik
+run_then mv "$APP" "$MOVED"
 expect_status 0
 expect_calls 1 --where "uid=$USER_ID QUORVIKCRAP_INSTALLATIONMOVED=yes" /usr/bin/open -a "$MOVED/Launcher.app"
 expect_no_line "$DEFAULTS" "201104.120000"
@@ -229,10 +229,7 @@ expect_no_call /usr/bin/zenity
 scenario "deleted: the folder has no path, so a move to nowhere; the agent goes and is not made again"
 record_env QUORVIKCRAP_INSTALLATIONMOVED
 installed_package
-launch --background
-wait_until_serving
-in_root rm -rf "$APP" || e2e_die "cannot delete the application"
-e2e_wait_end 10 || e2e_fail "the Launcher did not end after the application was deleted"
+run_then rm -rf "$APP"
 expect_status 0
 expect_calls 1 --where "uid=$USER_ID QUORVIKCRAP_INSTALLATIONMOVED=yes" /usr/bin/open -a "(null)/Launcher.app"
 expect_no_file "$AGENT"
