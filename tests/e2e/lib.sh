@@ -361,8 +361,7 @@ type_log() { echo "/tmp/Quorvik.Log.$PID.$1"; }
 # Waits until the journal holds the call. Usage: wait_for_call TOOL ARG...
 wait_for_call() {
     e2e_poll 10 e2e_called "$@"
-    expect_call "$@"
-    e2e_called "$@"
+    expect_call "$@" && e2e_called "$@"
 }
 
 # --- The simulated USB bus -----------------------------------------------------------------------
@@ -470,12 +469,7 @@ expect_stamp() {
 }
 
 # The journal line of a call: "<tool> [arg] [arg]".
-e2e_call_text() {
-    local text=$1 arg
-    shift
-    for arg in "$@"; do text+=" [$arg]"; done
-    printf '%s' "$text"
-}
+e2e_call_text() { printf '%s' "$1" && [ $# = 1 ] || printf ' [%s]' "${@:2}"; }
 # How many journal calls are exactly TOOL ARG..., optionally with details (" | uid=501 ...")
 # that contain every word of --where.
 e2e_count_calls() {
@@ -490,18 +484,15 @@ e2e_count_calls() {
 }
 
 # How a call is shown in check lines.
-e2e_call_desc() {
-    if [ "$1" = --where ]; then echo "$(e2e_call_text "${@:3}") | $2"; else e2e_call_text "$@"; fi
-}
+e2e_call_desc() { if [ "$1" = --where ]; then echo "$(e2e_call_text "${@:3}") | $2"; else e2e_call_text "$@"; fi; }
 # The journal holds the call (at least once). Usage: expect_call [--where 'uid=501 DISPLAY=:5'] TOOL ARG...
 expect_call() { e2e_check "called: $(e2e_call_desc "$@")" e2e_called "$@"; }
 e2e_called() { [ "$(e2e_count_calls "$@")" -ge 1 ]; }
 # The journal holds the call exactly N times. Usage: expect_calls N [--where WORDS] TOOL ARG...
 expect_calls() {
-    local n=$1 got
-    shift
-    got=$(e2e_count_calls "$@")
-    e2e_check "called $n times (got $got): $(e2e_call_desc "$@")" [ "$got" = "$n" ]
+    local got
+    got=$(e2e_count_calls "${@:2}")
+    e2e_check "called $1 times (got $got): $(e2e_call_desc "${@:2}")" [ "$got" = "$1" ]
 }
 # No call of TOOL at all, whatever its arguments. Usage: expect_no_call TOOL
 expect_no_call() { e2e_check "never called: $1" e2e_never_called "$1"; }
@@ -514,10 +505,9 @@ expect_no_calls() { e2e_check "no tool was run" [ ! -s "$ROOT/.e2e/journal" ]; }
 
 # The running Launcher's arguments, program path first. Usage: expect_command_line ARG...
 expect_command_line() {
-    local want got
-    want=$(printf '[%s]' "$@")
+    local got
     got=$(command_line)
-    e2e_check "runs as $want (got $got)" [ "$got" = "$want" ]
+    e2e_check "runs as $(printf '[%s]' "$@") (got $got)" [ "$got" = "$(printf '[%s]' "$@")" ]
 }
 # The running Launcher's real and effective user ids. Usage: expect_user_ids REAL EFFECTIVE
 expect_user_ids() {
