@@ -122,6 +122,9 @@ TEST_F(Autostart, TheSuperUserMakesTheAgentAsTheUserOnlyWhereTheUserMayWrite) {
 }
 
 TEST_F(Autostart, SwitchingOffRemovesTheAgentAndItsJobAndEndsTheLaunchersOfThisBundle) {
+    QVK_Framework_Autostart_Tidyup().QVK_Framework_Tidyup_Action(true);
+    EXPECT_FALSE(std::filesystem::exists(home_.HomeDirectory() + "/Library")) << "no folder is made to remove nothing";
+    switches_.commands.clear();
     ASSERT_TRUE(QVK_Framework_Autostart_Set(true));
     std::string target = bundle_.MainBundlePath() + "/Launcher.app/Contents/MacOS/Launcher";
     std::string upper = target;
