@@ -14,7 +14,6 @@
 #include "launcher/launch.h"
 #include "launcher/usb_launcher.h"
 #include "platform/clock.h"
-#include "platform/property_list.h"
 #include "platform/run_loop.h"
 #include "platform/shell.h"
 #include "simulated_usb_bus.h"
@@ -23,7 +22,6 @@ namespace qvk::test {
 namespace {
 
 using ::testing::ElementsAre;
-using ::testing::IsEmpty;
 
 constexpr const char* kPublish = "-[QVK_Framework_Port_Module_USBLauncher QVK_Framework_PortModule_Publish:]";
 
@@ -64,17 +62,6 @@ protected:
     platform::Replace<platform::Clock> useClock{clock};
 };
 
-TEST_F(USBLauncherOnBus, AModemPresentAtStartIsSeenWhileArmingAndLaunches) {
-    bus.Plug("modem", 0x12d1, 0x1001);
-    ASSERT_TRUE(QVK_Framework_Use_USBLauncher());
-    QVK_Framework_Port_Module::Class::QVK_Framework_PortModule_Start();
-    EXPECT_THAT(logger.MessagesOf(kPublish), ::testing::Contains("Vendor 0x12d1 Product 0x1001"))
-        << "delivered during the class start";
-    EXPECT_THAT(shell.commands, IsEmpty()) << "the launch waits for the run loop";
-    ASSERT_TRUE(ServeUntilLaunches(1));
-    EXPECT_THAT(shell.commands, ElementsAre(open));
-}
-
 TEST_F(USBLauncherOnBus, AModemPluggedInLaterLaunchesAndTwoInOneBatchLaunchOnce) {
     Start();
     bus.Plug("modem", 0x19d2, 0x2000);
@@ -90,43 +77,6 @@ TEST_F(USBLauncherOnBus, AModemPluggedInLaterLaunchesAndTwoInOneBatchLaunchOnce)
                 ElementsAre("<none>", "Vendor 0x19d2 Product 0x2000", "<none>", "Vendor 0x12d1 Product 0x1001",
                             "Vendor 0x12d1 Product 0x1001", "<none>", "Vendor 0x12d1 Product 0x1003"));
     EXPECT_THAT(shell.commands, ElementsAre(open, open, open));
-}
-
-TEST_F(USBLauncherOnBus, OnlyBuiltInPairsAndThoseOfTheDeviceListFileAreWatched) {
-    Start();
-    bus.Plug("mouse", 0x046d, 0xc077);
-    bus.Plug("built-in", 0x0af0, 0x6971);
-    ASSERT_TRUE(ServeUntilLaunches(1));
-    bus.Plug("e100", 0x1e0e, 0x9001);
-    ASSERT_TRUE(ServeUntilLaunches(2));
-    bus.Plug("e220", 0x12d1, 0x141a);
-    ASSERT_TRUE(ServeUntilLaunches(3));
-    // The entry without "Vendor" names 0x1234 only as a product: nothing of it is watched.
-    bus.Plug("unnamed", 0x12d1, 0x1234);
-    bus.Plug("witness", 0x12d1, 0x14ac);
-    ASSERT_TRUE(ServeUntilLaunches(4));
-    EXPECT_EQ(Requests(), 4u) << "the mouse and the unnamed product asked for no launch";
-}
-
-TEST_F(USBLauncherOnBus, AnUnpluggedModemIsDrainedWithoutALaunch) {
-    Start();
-    std::string modem = bus.Plug("modem", 0x12d1, 0x141b);
-    ASSERT_TRUE(ServeUntilLaunches(1));
-    for (int round = 2; round <= 3; ++round) {
-        bus.Unplug(modem);
-        modem = bus.Plug("modem" + std::to_string(round), 0x12d1, 0x141b);
-        ASSERT_TRUE(ServeUntilLaunches(round));
-    }
-    EXPECT_EQ(Requests(), 3u) << "removals ask for no launch";
-    EXPECT_EQ(logger.MessagesOf(kPublish).size(), 6u) << "removals reach no publish handler";
-}
-
-TEST_F(USBLauncherOnBus, ThePreferenceZeroSuppressesTheLaunch) {
-    WritePlist(dir.path() + "/home/Library/Preferences/com.quorvik.Connect.plist", {{"QVK Run Launcher", Value(0)}});
-    Start();
-    bus.Plug("modem", 0x12d1, 0x1001);
-    ASSERT_TRUE(Serve([&] { return Requests() == 1; }));
-    EXPECT_THAT(shell.commands, IsEmpty());
 }
 
 // The bytes the main thread's heap (malloc's main arena) has handed out and not had back, once the
