@@ -7,6 +7,7 @@
 #include <fstream>
 #include <string>
 
+#include "../generated_device_list.h"
 #include "launcher/launch.h"
 #include "launcher/usb_launcher.h"
 #include "platform/bundle.h"
@@ -74,17 +75,7 @@ public:
         std::ofstream(app_ + "/Contents/Info.plist")
             << "<plist version=\"1.0\"><dict><key>CFBundleIdentifier</key><string>com.quorvik.Bench</string>"
                "</dict></plist>";
-        // A thousand products a vendor keeps the file below the 1 MiB a device list may hold.
-        std::ofstream list(app_ + "/Contents/Resources/NetworkBlocker.xml");
-        list << "<plist version=\"1.0\"><array>\n" << std::hex;
-        for (int i = 0; i < pairs; ++i) {
-            if (i % 1000 == 0)
-                list << "<dict><key>USB</key><dict><key>Vendor</key><string>0x" << 0x6000 + i / 1000
-                     << "</string><key>Product</key><array>\n";
-            list << "<string>0x" << i % 1000 << "</string>\n";
-            if (i % 1000 == 999 || i + 1 == pairs) list << "</array></dict></dict>\n";
-        }
-        list << "</array></plist>\n";
+        qvk::bench::WriteGeneratedDeviceList(app_ + "/Contents/Resources/NetworkBlocker.xml", pairs);
     }
     ~Package() { fs::remove_all(root_); }
     std::string launcher() const { return app_ + "/Launcher.app"; }

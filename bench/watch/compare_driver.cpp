@@ -33,6 +33,8 @@
 #include <string>
 #include <vector>
 
+#include "../generated_device_list.h"
+
 extern char** environ;
 
 namespace {
@@ -316,17 +318,7 @@ void WriteDeviceList(const std::string& app, int pairs) {
         unlink(path.c_str());
         return;
     }
-    // A thousand products a vendor keeps the file below the 1 MiB a device list may hold.
-    std::ofstream list(path);
-    list << "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\">\n<array>\n" << std::hex;
-    for (int i = 0; i < pairs; ++i) {
-        if (i % 1000 == 0)
-            list << "<dict><key>USB</key><dict><key>Vendor</key><string>0x" << 0x6000 + i / 1000
-                 << "</string><key>Product</key><array>\n";
-        list << "<string>0x" << i % 1000 << "</string>\n";
-        if (i % 1000 == 999 || i + 1 == pairs) list << "</array></dict></dict>\n";
-    }
-    list << "</array>\n</plist>\n";
+    qvk::bench::WriteGeneratedDeviceList(path, pairs);
 }
 
 struct ListFigures {
