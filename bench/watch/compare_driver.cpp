@@ -17,7 +17,6 @@
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
-#include <umockdev.h>
 #include <unistd.h>
 
 #include <dirent.h>
@@ -34,6 +33,7 @@
 #include <vector>
 
 #include "../generated_device_list.h"
+#include "simulated_usb_bus.h"
 
 extern char** environ;
 
@@ -91,38 +91,19 @@ Options Parse(int argc, char** argv) {
     return o;
 }
 
-struct GFree {
-    void operator()(gchar* p) const { g_free(p); }
-};
-
+// The simulated bus, with the time each plug was announced.
 class Bus {
 public:
-    Bus() : testbed_(umockdev_testbed_new()) {}
-    ~Bus() { g_object_unref(testbed_); }
-    Bus(const Bus&) = delete;
-    Bus& operator=(const Bus&) = delete;
-
-    // Adds a USB device, which announces it; answers its sysfs path and the time of the announcement.
     std::string Plug(const std::string& name, unsigned vendor, unsigned product, double& sent) {
-        char v[8], p[8], triple[24];
-        std::snprintf(v, sizeof v, "%04x", vendor);
-        std::snprintf(p, sizeof p, "%04x", product);
-        std::snprintf(triple, sizeof triple, "%x/%x/0", vendor, product);
-        std::unique_ptr<gchar, GFree> path(
-            umockdev_testbed_add_device(testbed_, "usb", name.c_str(), nullptr, "idVendor", v, "idProduct", p, nullptr,
-                                        "DEVTYPE", "usb_device", "PRODUCT", triple, nullptr));
+        std::string path = bus_.Plug(name, static_cast<std::uint16_t>(vendor), static_cast<std::uint16_t>(product));
         sent = Now();
-        if (!path) throw std::runtime_error("the test bed refused " + name);
-        return path.get();
+        if (path.empty()) throw std::runtime_error("the test bed refused " + name);
+        return path;
     }
-
-    void Unplug(const std::string& path) {
-        umockdev_testbed_uevent(testbed_, path.c_str(), "remove");
-        umockdev_testbed_remove_device(testbed_, path.c_str());
-    }
+    void Unplug(const std::string& path) { bus_.Unplug(path); }
 
 private:
-    UMockdevTestbed* testbed_;
+    qvk::test::SimulatedUsbBus bus_;
 };
 
 // The stand-in's lines: "<monotonic time> <application>".
