@@ -29,7 +29,7 @@ std::string SimulatedUsbBus::Plug(const std::string& name, std::uint16_t vendor,
     std::snprintf(v, sizeof v, "%04x", vendor);
     std::snprintf(p, sizeof p, "%04x", product);
     return Add("usb", name, "", {"idVendor", v + std::string("\n"), "idProduct", p + std::string("\n")},
-               {"DEVTYPE", "usb_device", "PRODUCT", v + ("/" + std::string(p)) + "/0"});
+               {"DEVTYPE", "usb_device", "PRODUCT", std::string(v) + "/" + p + "/0"});
 }
 
 std::string SimulatedUsbBus::Add(const std::string& subsystem, const std::string& name, const std::string& parent,
