@@ -96,6 +96,7 @@ TEST_F(HandleSetuid, ThePrivilegedRunRestoresTheBitAndTakesOnlyAWhollyDecimalUid
     const std::pair<std::vector<std::string>, std::uint32_t> cases[] = {{{"--uid", "12x"}, 0},
                                                                         {{"--uid", "501", "--uid", "12x"}, 501},
                                                                         {{"--uid", "7", "--uid", "9"}, 9},
+                                                                        {{"--uid", "501", "--uid", "0"}, 0},
                                                                         {{"--uid", "-1"}, 0},
                                                                         {{"--uid", " 5"}, 0},
                                                                         {{"--uid", "4294967295"}, 0},

@@ -70,6 +70,7 @@ TEST(UsbRegistry, PresentDevicesComeWithTheIteratorLaterOnesInBatchesAndOnlyADra
     auto arm = [&](platform::NotificationPort& p, const char* type, const Value& matching, Recorder& r) {
         return p.AddMatchingNotification(type, matching, Recorder::Callback, &r, it);
     };
+    EXPECT_FALSE(arm(*port, "IOServiceNoSuchNotification", UsbMatching(0x19d2, 0x9001), published));
     ASSERT_TRUE(arm(*port, kPublishNotification, UsbMatching(0x19d2, 0x9001), published));
     EXPECT_EQ(Recorder::Drain(it), "19d2/9001") << "only the matching device that is present";
     ASSERT_TRUE(arm(*port, kTerminatedNotification, UsbMatching(0x19d2, 0x9001), terminated));
