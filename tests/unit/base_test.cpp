@@ -110,6 +110,7 @@ TEST(Format, ObjectsPrintWithTheirNestedIndentation) {
     Value list(Array{Value(Dictionary{{"a", Value(true)}}), Value("x\"y\xc3\xa9")});
     EXPECT_EQ(list.Description(), "(\n        {\n        a = 1;\n    },\n    \"x\\\"y\\U00e9\"\n)");
     EXPECT_EQ(Value(Data{{1, 2, 3, 4, 5, 6, 7, 8, 0xab}}).Description(), "<01020304 05060708 ab>");
+    EXPECT_EQ(Value(Array{Value("Zz09"), Value("a-z")}).Description(), "(\n    Zz09,\n    \"a-z\"\n)");
 }
 
 TEST(SimpleCommandWords, RunsWithoutAShellOnlyWhatTheShellWouldRunAsItIs) {
