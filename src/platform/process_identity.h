@@ -30,9 +30,14 @@ public:
     virtual int Execute(int fd, char* const argv[], char* const envp[]) = 0;
 };
 
+// Whom an identity change reaches: the whole process (the C library makes every thread follow), or
+// the calling task alone, as a child that shares its parent's memory needs it: the library's calls
+// would signal the parent's threads and take its locks.
+enum class IdentityScope { Process, CallingTask };
+
 // Takes the account's supplementary groups, group and user id, in that order, and makes sure the
 // super-user is out of reach afterwards. Only async-signal-safe calls, so a forked child may use
 // it. 0, or the errno that stopped it.
-int TakeIdentity(const Account& account);
+int TakeIdentity(const Account& account, IdentityScope scope = IdentityScope::Process);
 
 }  // namespace qvk::platform

@@ -4,6 +4,7 @@
 #include <grp.h>
 #include <sys/auxv.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -53,13 +54,17 @@ public:
 
 }  // namespace
 
-int TakeIdentity(const Account& account) {
-    if (setgroups(account.groups.size(), account.groups.data()) != 0 || setgid(account.gid) != 0 ||
-        setuid(account.uid) != 0)
-        return errno;
-    if (getuid() != account.uid || geteuid() != account.uid || getgid() != account.gid || getegid() != account.gid)
-        return EPERM;
-    if (account.uid != 0 && setuid(0) == 0) return EPERM;
+int TakeIdentity(const Account& account, IdentityScope scope) {
+    const bool process = scope == IdentityScope::Process;
+    const uid_t uid = account.uid;
+    const gid_t gid = account.gid;
+    bool failed =
+        process ? setgroups(account.groups.size(), account.groups.data()) != 0 || setgid(gid) != 0 || setuid(uid) != 0
+                : syscall(SYS_setgroups, account.groups.size(), account.groups.data()) != 0 ||
+                      syscall(SYS_setresgid, gid, gid, gid) != 0 || syscall(SYS_setresuid, uid, uid, uid) != 0;
+    if (failed) return errno;
+    if (getuid() != uid || geteuid() != uid || getgid() != gid || getegid() != gid) return EPERM;
+    if (uid != 0 && (process ? setuid(0) : syscall(SYS_setuid, 0)) == 0) return EPERM;
     return 0;
 }
 

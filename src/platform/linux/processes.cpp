@@ -33,23 +33,6 @@ namespace {
 constexpr const char* kShell = "/bin/sh";
 constexpr const char* kDefaultPath = "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin";
 
-// Whom an identity change reaches: the whole process (glibc's calls, which every thread follows), or
-// the calling thread alone, as in a child that shares its parent's memory: glibc's calls would
-// signal the parent's threads and take its locks there.
-enum class Scope { Process, Child };
-
-// TakeIdentity by raw system calls, for a child that shares its parent's memory.
-int TakeIdentityInChild(const Account& account) {
-    if (syscall(SYS_setgroups, account.groups.size(), account.groups.data()) != 0 ||
-        syscall(SYS_setresgid, account.gid, account.gid, account.gid) != 0 ||
-        syscall(SYS_setresuid, account.uid, account.uid, account.uid) != 0)
-        return errno;
-    if (getuid() != account.uid || geteuid() != account.uid || getgid() != account.gid || getegid() != account.gid)
-        return EPERM;
-    if (account.uid != 0 && syscall(SYS_setuid, 0) == 0) return EPERM;
-    return 0;
-}
-
 // A child program turned into what its process needs, with every allocation made in the parent.
 class Plan {
 public:
@@ -100,17 +83,16 @@ public:
 
     // In the child (or in place): resets signals, takes the identity, leaves descriptors 0-2 only,
     // and executes. Returns the errno that ends the attempt.
-    int Execute(Scope scope) {
+    int Execute(IdentityScope scope) {
         struct sigaction standard {};
         standard.sa_handler = SIG_DFL;
         for (int signal = 1; signal < NSIG; ++signal) sigaction(signal, &standard, nullptr);
 
         if (account_) {
-            if (int error = scope == Scope::Process ? TakeIdentity(*account_) : TakeIdentityInChild(*account_))
-                return error;
+            if (int error = TakeIdentity(*account_, scope)) return error;
         } else if (shellIdentity_ && (getuid() != geteuid() || getgid() != getegid())) {
             // What /bin/sh does when it is started with ids that differ.
-            bool failed = scope == Scope::Process
+            bool failed = scope == IdentityScope::Process
                               ? setuid(getuid()) != 0 || setgid(getgid()) != 0
                               : syscall(SYS_setuid, getuid()) != 0 || syscall(SYS_setgid, getgid()) != 0;
             if (failed) return errno;
@@ -224,7 +206,7 @@ struct ChildStart {
         WriteErrno(start.failure, errno);
         _exit(127);
     }
-    WriteErrno(start.failure, start.plan->Execute(Scope::Child));
+    WriteErrno(start.failure, start.plan->Execute(IdentityScope::CallingTask));
     _exit(127);
 }
 
@@ -299,7 +281,7 @@ public:
     int Replace(const ChildProgram& child) override {
         Plan plan;
         if (!plan.Prepare(child)) return -1;
-        errno = plan.Execute(Scope::Process);
+        errno = plan.Execute(IdentityScope::Process);
         return -1;
     }
 };
