@@ -96,7 +96,10 @@ protected:
         });
         std::string pattern = "^";
         for (char c : title) pattern += std::string(std::strchr("\\^$.|?*+()[]{}", c) ? "\\" : "") + c;
-        std::string window = Xdotool({"search", "--sync", "--limit", "1", "--name", pattern + "$"});
+        // Asked again when xdotool gives up early, as it can when the display is busy.
+        std::string window;
+        for (int attempt = 0; attempt < 3 && window.empty(); ++attempt)
+            window = Xdotool({"search", "--sync", "--limit", "1", "--name", pattern + "$"});
         EXPECT_FALSE(window.empty()) << "no window titled " << title;
         if (shown) *shown = Process(std::atoi(Xdotool({"getwindowpid", window}).c_str()));
         Xdotool({"windowfocus", "--sync", window});
