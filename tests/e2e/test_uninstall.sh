@@ -1,87 +1,66 @@
 # The package removes itself: "--qvk-uninstall" once the user says yes (a no changes nothing),
 # "--qvk-drivers-uninstall" for the drivers marked as its own, and by itself when the running
-# Launcher sees its application folder dragged into the Trash; moved elsewhere, it starts again
-# from there.
+# Launcher sees its application folder dragged into the Trash; moved elsewhere, it starts again from there.
 source "$(dirname "$0")/lib.sh"
 
 QUESTION="/usr/bin/zenity [--question] [--no-markup] [--default-cancel] [--title=Quorvik Connect] [--text=Do you really want to deinstall Quorvik Connect?] [--ok-label=Yes] [--cancel-label=No]"
 RESTART="/usr/bin/zenity [--info] [--no-markup] [--title=Quorvik Connect] [--text=Quorvik Connect has been deinstalled, but some parts remain in the system until the next restart] [--ok-label=OK] | uid=$USER_ID"
-PREFERENCES=/Library/Preferences/SystemConfiguration/preferences.plist
-SERVICE=Quorvik_Connect-1
-UNINSTALLER="/Applications/Quorvik Connect Uninstall.app"
-MODEM_SCRIPT="/Library/Modem Scripts/Quorvik Virtual Modem"
+PREFERENCES=/Library/Preferences/SystemConfiguration/preferences.plist SERVICE=Quorvik_Connect-1
+UNINSTALLER="/Applications/Quorvik Connect Uninstall.app" MODEM_SCRIPT="/Library/Modem Scripts/Quorvik Virtual Modem"
 NEW_RECEIPTS=(/var/db/receipts/com.quorvik.Connect.package.plist /var/db/receipts/com.quorvik.Connect.package.bom)
-OLD_RECEIPT=/Library/Receipts/Quorvik.pkg
-EXTENSIONS=/System/Library/Extensions
-CACHES=(/System/Library/Caches/com.apple.kext.caches/Directories/System/Library/Extensions/KextIdentifiers.plist.gz
-    /System/Library/Caches/com.apple.kext.caches/Directories/System/Library/Extensions/IOKitPersonalities_i386.ioplist.gz
+OLD_RECEIPT=/Library/Receipts/Quorvik.pkg EXTENSIONS=/System/Library/Extensions
+CACHES=(/System/Library/Caches/com.apple.kext.caches/Directories/System/Library/Extensions/{KextIdentifiers.plist,IOKitPersonalities_i386.ioplist}.gz
     /System/Library/Extensions.mkext /System/Library/Extensions.kextcache)
 AGENT="$USER_HOME/Library/LaunchAgents/Quorvik Connect.plist"
 BAD_APP='/Applications/Quorvik "$(touch pwned)" `touch pwned`.app'
 
-# A "ps" first on the Launcher's search path: it notes its call in the journal as the stand-ins do
-# and lists the Launcher itself (its caller's caller), the application's process APP_PID, a line
-# that is no process id, and after a line without a number the process LATE_PID.
+# A "ps" first on the Launcher's search path, a stand-in that lists the Launcher itself (its caller's
+# caller), the application's process APP_PID, a line that is no process id, and after a line without a
+# number the process LATE_PID.
 fake_ps() {
-    in_root /bin/sleep 300 &
-    APP_PID=$!
-    in_root /bin/sleep 300 &
-    LATE_PID=$!
-    put /usr/local/bin/ps 0755 <<EOF
-#!/bin/sh
-line=\$0
-for arg; do line="\$line [\$arg]"; done
-printf '%s | uid=%s\n' "\$line" "\$(/usr/bin/id -u)" >>/.e2e/journal
+    in_root /bin/sleep 300 & APP_PID=$!
+    in_root /bin/sleep 300 & LATE_PID=$!
+    put /usr/local/bin/ps 0755 <"$E2E_SOURCE_DIR/standin.sh"
+    put /.e2e/answer/ps <<EOS
 printf '  PID COMM\n%s %s\n' "\$(cut -d' ' -f4 /proc/\$PPID/stat)" "$LAUNCHER_APP/Contents/MacOS/Launcher"
 printf '%s\n' "$APP_PID $APP/Contents/MacOS/Quorvik Connect" "   77 /usr/sbin/cron" "  -1 $APP/Contents/Odd" \
     "  abc $APP/Contents/Stray" "$LATE_PID $APP/Contents/Late"
-EOF
+EOS
 }
-
 # The journal is exactly standard input. Usage: expect_journal <<EOF
 expect_journal() {
     local expected actual
     expected=$(cat) actual=$(cat "$ROOT/.e2e/journal")
-    e2e_check "the journal holds the calls in order" [ "$actual" = "$expected" ]
-    [ "$actual" = "$expected" ] || diff <(echo "$expected") <(echo "$actual") | sed 's/^/    /'
+    e2e_check "the journal holds the calls in order" [ "$actual" = "$expected" ] ||
+        diff <(echo "$expected") <(echo "$actual") | sed 's/^/    /'
 }
-
 # FILE has exactly N lines containing TEXT. Usage: expect_count N FILE TEXT
 expect_count() {
     local got
     got=$(grep -cF -- "$3" "$ROOT$2" 2>/dev/null)
     e2e_check "$2 has $1 lines with: $3 (got ${got:-0})" [ "${got:-0}" = "$1" ]
 }
-
 # A device list with one device served by the given drivers. Usage: device_list DRIVER...
 device_list() {
-    echo '<?xml version="1.0" encoding="UTF-8"?><plist version="1.0"><array><dict><key>Drivers</key><array>'
-    printf '<string>%s</string>\n' "$@"
-    echo '</array></dict></array></plist>'
+    printf '<plist version="1.0"><array><dict><key>Drivers</key><array>%s</array></dict></array></plist>\n' \
+        "$(printf '<string>%s</string>' "$@")"
 }
-
 # A driver bundle modified at the given time. Usage: kext PATH SECONDS
-kext() {
-    echo "<plist/>" | put "$1/Contents/Info.plist"
-    in_root touch -d "@$2" "$1" || e2e_die "cannot date $1"
-}
-
+kext() { echo "<plist/>" | put "$1/Contents/Info.plist" && in_root touch -d "@$2" "$1" || e2e_die "cannot date $1"; }
 # An installed driver folder, with a "Quorvik Source" mark when MARK is given. Usage: driver NAME [MARK]
 driver() {
     echo "<plist/>" | put "$EXTENSIONS/$1/Contents/Info.plist"
     [ $# -lt 2 ] || printf '%s' "$2" | put "$EXTENSIONS/$1/Quorvik Source"
 }
-
 # What the package left on the machine: its uninstaller, modem script, receipts, the user's agent
 # and data, and its network service in the current set, in its order beside another one.
 installed_package() {
-    local file
-    for file in "$UNINSTALLER/Contents/Info.plist" "$MODEM_SCRIPT" "${NEW_RECEIPTS[@]}" \
-        "$OLD_RECEIPT/Contents/Archive.bom" "${CACHES[@]}"; do
+    for file in "$UNINSTALLER/Contents/Info.plist" "$MODEM_SCRIPT" "${NEW_RECEIPTS[@]}" "$OLD_RECEIPT/Contents/Archive.bom" \
+        "${CACHES[@]}"; do
         echo x | put "$file"
     done
-    # The old receipts belong to the administrators' group, of which the user is one, as on the
-    # Mac: they are removed after the Launcher has become the user.
+    # The old receipts belong to the administrators' group, of which the user is one, as on the Mac:
+    # they are removed after the Launcher has become the user.
     in_root /bin/sh -c 'chown -R "0:$1" /Library/Receipts && chmod -R g+w /Library/Receipts' sh "$USER_GID" ||
         e2e_die "cannot hand the receipts to the administrators"
     echo "<plist/>" | put "$AGENT" 0644 "$USER_ID:$USER_GID"
@@ -97,7 +76,6 @@ installed_package() {
 </dict></dict></dict></dict></dict></dict></plist>
 EOF
 }
-
 # The data folder went to the Trash, still the user's, under a stamp taken during the run
 # (microseconds since 1970 in hexadecimal). Usage: expect_trashed_data [BEFORE AFTER]
 expect_trashed_data() {
@@ -110,12 +88,9 @@ expect_trashed_data() {
     [[ $stamp =~ ^[0-9a-f]+$ ]] && (($1 <= 16#$stamp && 16#$stamp <= $2)) && ok=true
     e2e_check "stamp $stamp lies between $1 and $2" $ok
 }
-
-# How many drivers were unloaded.
 unloads() { grep -c '^/sbin/kextunload ' "$ROOT/.e2e/journal"; }
 
-scenario "answered yes: every step in order, the package and its traces gone, the data in the Trash"
-marker /tmp/Quorvik-PleaseDoLog
+scenario "answered yes: every step in order, the package and its traces gone, the data in the Trash" --log
 installed_package
 # A driver listed by the package with an identical copy stays: the application folder, where the
 # list and the copy lie, is gone before the cleanup looks at them.
@@ -144,8 +119,7 @@ $QUESTION | uid=$USER_ID
 /usr/local/bin/ps [-A] [-o] [pid] [-o] [comm] | uid=$USER_ID
 $RESTART
 EOF
-e2e_check "a process listed after a line without a number still sleeps" \
-    [ "$(awk '{ print $3 }' "/proc/$LATE_PID/stat")" = S ]
+e2e_check "a process listed after a line without a number still sleeps" [ "$(awk '{ print $3 }' "/proc/$LATE_PID/stat")" = S ]
 kill -KILL "$APP_PID"
 wait "$APP_PID"
 e2e_check "the application's process ended by the termination signal" [ $? = 143 ]
@@ -155,8 +129,7 @@ for kept in "$OLD_RECEIPT/Contents/Archive.bom" "$EXTENSIONS/QuorvikModem.kext" 
 expect_trashed_data "$before" "$after"
 # The service left the current set's order.
 expect_no_line "$PREFERENCES" "<string>$SERVICE</string>"
-expect_count 1 "$(main_log)" "Launcher_PerformCleanup: uid: 0 euid: 0"
-expect_count 1 "$(main_log)" "Launcher_PerformCleanup: uid: $USER_ID euid: $USER_ID"
+for line in "uid: 0 euid: 0" "uid: $USER_ID euid: $USER_ID"; do expect_count 1 "$(main_log)" "Launcher_PerformCleanup: $line"; done
 expect_count 1 "$(main_log)" "Launcher_DeleteApp: $APP"
 
 scenario "the question declined, even with the no-launch marker: status 0 and nothing changed"
@@ -178,13 +151,11 @@ run_then() {
     e2e_wait_end 10 || e2e_fail "the Launcher did not end after: $*"
 }
 
-scenario "dragged into the Trash: the package removes itself from there with its drivers, tells the user and ends"
-marker /tmp/Quorvik-PleaseDoLog
+scenario "dragged into the Trash: the package removes itself from there with its drivers, tells the user and ends" --log
 installed_package
 # Only a driver whose name is longer than seven characters, installed and with a package copy of
 # the same time, is the package's.
-device_list Ab.kext Abc.kext Other.kext NoCopy.kext NotThere.kext ../Outside.kext |
-    put "$APP/Contents/Resources/NetworkBlocker.xml"
+device_list Ab.kext Abc.kext Other.kext NoCopy.kext NotThere.kext ../Outside.kext | put "$APP/Contents/Resources/NetworkBlocker.xml"
 for name in Ab Abc Other NoCopy; do kext "$EXTENSIONS/$name.kext" 1300000000; done
 for name in Ab Abc NotThere ../Outside; do kext "$APP/Contents/Drivers-Install/Drivers/$name.kext" 1300000000; done
 kext "$APP/Contents/Drivers-Install/Drivers/Other.kext" 1300000060
@@ -237,8 +208,7 @@ expect_no_file "$AGENT"
 # From here on the package is installed under a name of one letter.
 APP=/Applications/Q.app LAUNCHER_APP=/Applications/Q.app/Launcher.app EXE=/Applications/Q.app/Launcher.app/Contents/MacOS/Launcher
 
-scenario "drivers only: marked folders and links go, everything else stays; then the caches, the uninstaller and the data"
-marker /tmp/Quorvik-PleaseDoLog
+scenario "drivers only: marked folders and links go, everything else stays; then the caches, the uninstaller and the data" --log
 installed_package
 echo "<plist/>" | put "/Applications/Q DriversUninstaller.app/Contents/Info.plist"
 driver Marked.kext "$APP/Contents/Drivers-Install/Drivers/Marked.kext"
@@ -266,13 +236,10 @@ done
 e2e_check "three drivers unloaded" [ "$(unloads)" = 3 ]
 e2e_check "the last call is killall, by root" [ "$(tail -n 1 "$ROOT/.e2e/journal")" = "/usr/bin/killall [-HUP] [kextd] | uid=0" ]
 expect_only_calls /sbin/kextunload /usr/bin/killall
-for name in Short.kext Foreign.kext Empty.kext Plain.kext X.kext .Hidden.kext "$BAD_DRIVER" Stray; do
-    expect_file "$EXTENSIONS/$name"
-done
+for name in Short.kext Foreign.kext Empty.kext Plain.kext X.kext .Hidden.kext "$BAD_DRIVER" Stray; do expect_file "$EXTENSIONS/$name"; done
 e2e_check "the link to another package's driver stays" test -L "$ROOT$EXTENSIONS/Elsewhere.kext"
-for gone in "${CACHES[@]}" "/Applications/Q DriversUninstaller.app"; do expect_no_file "$gone"; done
+for gone in "${CACHES[@]}" "/Applications/Q DriversUninstaller.app" /pwned "$USER_HOME/pwned"; do expect_no_file "$gone"; done
 expect_trashed_data
-for gone in /pwned "$USER_HOME/pwned"; do expect_no_file "$gone"; done
 expect_count 1 "$(main_log)" "(Errors): Launcher_DriversCleanup: Not running \"rm -rf \"%s\"\" for \"$EXTENSIONS/$BAD_DRIVER\": the path cannot be quoted"
 
 scenario "drivers only, none marked: no tool runs and the caches stay; the data still goes"
@@ -286,8 +253,7 @@ expect_trashed_data
 
 # From here on the package is installed at a path the shell would run commands from.
 APP=$BAD_APP LAUNCHER_APP="$BAD_APP/Launcher.app" EXE="$BAD_APP/Launcher.app/Contents/MacOS/Launcher"
-scenario "on 10.5.0 from a path with shell metacharacters: the old receipts go, no process search, nothing run" --version 10.5.0
-marker /tmp/Quorvik-PleaseDoLog
+scenario "on 10.5.0 from a path with shell metacharacters: the old receipts go, no process search, nothing run" --version 10.5.0 --log
 installed_package
 fake_ps
 launch --env DISPLAY=:5 -- --qvk-uninstall
