@@ -4,10 +4,8 @@ shopt -s nullglob
 E2E_SOURCE_DIR=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 
 e2e_die() { echo "FAIL: $*" >&2 && exit 1; }
-# Runs COMMAND every 50 ms until it succeeds, for at most S seconds. Usage: e2e_poll S COMMAND...
 e2e_poll() {
-    local deadline=$((SECONDS + $1))
-    shift
+    local deadline=$((SECONDS + $1)) && shift
     until "$@"; do [ $SECONDS -le $deadline ] && sleep 0.05 || return 1; done
 }
 
@@ -22,8 +20,7 @@ if [ -z "${QVK_E2E_BASE:-}" ]; then
     E2E_OUTER=$(mktemp -d /tmp/qvk-e2e.XXXXXX) || e2e_die "cannot make a mount point"
     trap 'rm -f "$E2E_OUTER/.entered"; rmdir "$E2E_OUTER" 2>/dev/null' EXIT
     trap 'exit 143' TERM INT
-    QVK_E2E_BASE=$E2E_OUTER unshare --mount --pid --fork --kill-child --mount-proc --propagation private \
-        bash "$0" "$@"
+    QVK_E2E_BASE=$E2E_OUTER unshare --mount --pid --fork --kill-child --mount-proc --propagation private bash "$0" "$@"
     status=$?
     [ -e "$E2E_OUTER/.entered" ] || e2e_die "could not make a private mount and pid namespace (unshare failed, status $status)"
     exit $status
@@ -33,8 +30,7 @@ fi
 touch "$QVK_E2E_BASE/.entered"
 mount -t tmpfs -o mode=0755 qvk-e2e "$QVK_E2E_BASE" || e2e_die "cannot mount a tmpfs on $QVK_E2E_BASE"
 
-APP="/Applications/Quorvik Connect.app"
-LAUNCHER_APP="$APP/Launcher.app"
+APP="/Applications/Quorvik Connect.app" LAUNCHER_APP="/Applications/Quorvik Connect.app/Launcher.app"
 EXE="$LAUNCHER_APP/Contents/MacOS/Launcher"
 USER_NAME=maria USER_ID=501 USER_GID=50 USER_HOME=/Users/maria
 ROOT="" PID="" STATUS="" PLUGGED="" E2E_SCENARIOS=0 E2E_CHECKS=0 E2E_FAILED=0 E2E_SCENARIO_FAILED=0
@@ -46,19 +42,16 @@ x86_64) E2E_POLL_CALLS="7 271" ;; aarch64) E2E_POLL_CALLS="73" ;; i?86) E2E_POLL
 esac
 
 in_root() { chroot "$ROOT" "$@"; }
-# Writes standard input to PATH through the root's own view of it, so that no link in the host's
-# tree redirects the write. Usage: put PATH [MODE [OWNER]] <TEXT
+# Through the root's own view of PATH, so that no link in the host's tree redirects the write.
 put() {
     in_root /bin/sh -c 'rm -f -- "$1" && mkdir -p -- "$(dirname -- "$1")" && cat > "$1" && chmod "$2" "$1" && chown "$3" "$1"' \
         put "$1" "${2:-0644}" "${3:-0:0}" || e2e_die "cannot write $1 in the sandbox"
 }
 folder() {
-    local owner=0:0
-    [ "$1" = --owner ] && { owner=$2 && shift 2; }
+    local owner=0:0 && [ "$1" = --owner ] && owner=$2 && shift 2
     in_root /bin/sh -c 'owner=$1; shift; mkdir -p -- "$@" && chown "$owner" "$@"' folder "$owner" "$@" ||
         e2e_die "cannot make folders $*"
 }
-# Markers in the user's home folder belong to the user.
 marker() {
     local owner=0:0
     [[ $1 == "$USER_HOME"/* ]] && owner=$USER_ID:$USER_GID
@@ -67,7 +60,6 @@ marker() {
 not_administrator() { for g in admin sudo wheel; do in_root gpasswd -d "$USER_NAME" "$g" >/dev/null 2>&1; done; }
 tool_status() { echo "$2" | put "/.e2e/status/$1"; }
 record_env() { echo "$*" | put /.e2e/record-env; }
-# A property list of string values. Usage: e2e_plist_string_dict KEY VALUE...
 e2e_plist_string_dict() { printf '<plist version="1.0"><dict>%s</dict></plist>\n' "$(printf '<key>%s</key><string>%s</string>' "$@")"; }
 
 e2e_teardown() {
@@ -82,12 +74,10 @@ e2e_teardown() {
         done
     fi
     umount -R "$ROOT" 2>/dev/null || umount -R -l "$ROOT"
-    rm -rf "${ROOT%/root}"
-    ROOT=""
+    rm -rf "${ROOT%/root}" && ROOT=""
 }
 e2e_finish() {
-    local code=$?
-    e2e_teardown
+    local code=$? && e2e_teardown
     [ "$code" = 0 ] || e2e_die "the harness stopped early (status $code) after $E2E_SCENARIOS scenarios"
     echo "== $E2E_SCENARIOS scenarios, $E2E_CHECKS checks, $E2E_FAILED failed"
     [ "$E2E_CHECKS" != 0 ] || e2e_die "nothing was checked"
@@ -95,11 +85,9 @@ e2e_finish() {
 }
 trap e2e_finish EXIT
 
-# Usage: scenario TITLE [--version X.Y.Z | --no-version] [--log]
 scenario() {
     e2e_teardown
-    local title=$1 version=10.6.8 log=0 dir
-    shift
+    local title=$1 version=10.6.8 log=0 dir && shift
     while [ $# -gt 0 ]; do
         case "$1" in
         --version) version=$2 && shift ;; --no-version) version="" ;; --log) log=1 ;;
@@ -107,20 +95,16 @@ scenario() {
         esac
         shift
     done
-    E2E_SCENARIOS=$((E2E_SCENARIOS + 1)) E2E_SCENARIO_FAILED=0 PID="" STATUS=""
-    echo "== $title"
+    E2E_SCENARIOS=$((E2E_SCENARIOS + 1)) E2E_SCENARIO_FAILED=0 PID="" STATUS="" && echo "== $title"
     dir="$QVK_E2E_BASE/s$E2E_SCENARIOS" ROOT="$QVK_E2E_BASE/s$E2E_SCENARIOS/root"
     mkdir -p "$dir/upper" "$dir/work" "$ROOT" || e2e_die "cannot make $dir"
     mount -t overlay overlay -o "lowerdir=/,upperdir=$dir/upper,workdir=$dir/work" "$ROOT" &&
         mount -t proc proc "$ROOT/proc" && mount --rbind /dev "$ROOT/dev" && mount --rbind /sys "$ROOT/sys" &&
         mount -t tmpfs -o mode=1777 qvk-e2e-tmp "$ROOT/tmp" || e2e_die "cannot mount the sandbox root $ROOT"
-    # The harness's own corner: journal, stand-in statuses, Launcher output.
     mkdir -m 0755 "$ROOT/.e2e" "$ROOT/.e2e/status" && install -m 0666 /dev/null "$ROOT/.e2e/journal"
-    # The user, replacing any entry of that name or id; she installed the package, so she administers the machine.
     in_root /bin/sh -c 'sed -i -e "/^$1:/d" -e "/^[^:]*:[^:]*:$2:/d" /etc/passwd && echo "$1:x:$2:$3:Maria:$4:/bin/sh" >>/etc/passwd' \
         sh "$USER_NAME" "$USER_ID" "$USER_GID" "$USER_HOME" || e2e_die "cannot add the user $USER_NAME"
-    not_administrator
-    in_root gpasswd -a "$USER_NAME" sudo >/dev/null || e2e_die "cannot make $USER_NAME an administrator"
+    not_administrator; in_root gpasswd -a "$USER_NAME" sudo >/dev/null || e2e_die "cannot make $USER_NAME an administrator"
     folder --owner "$USER_ID:$USER_GID" "$USER_HOME" "$USER_HOME/Library" "$USER_HOME/Library/Preferences" \
         "$USER_HOME/Library/LaunchAgents" "$USER_HOME/.Trash"
     folder /Applications /System/Library/Extensions /System/Library/CoreServices /Library/Preferences/SystemConfiguration \
@@ -132,13 +116,10 @@ scenario() {
     cp -R "$E2E_BUILT_BUNDLE" "$ROOT$LAUNCHER_APP" && in_root /bin/sh -c 'chown -R 0:0 "$1" && chmod 04755 "$2"' sh \
         "$LAUNCHER_APP" "$EXE" || e2e_die "cannot install the Launcher set-user-id root"
     for tool in /sbin/kextload /sbin/kextunload /usr/bin/open /usr/bin/defaults /bin/launchctl /usr/bin/killall \
-        /usr/bin/zenity /usr/bin/kdialog; do
-        put "$tool" 0755 <"$E2E_SOURCE_DIR/standin.sh"
-    done
+        /usr/bin/zenity /usr/bin/kdialog; do put "$tool" 0755 <"$E2E_SOURCE_DIR/standin.sh"; done
     [ "$log" = 0 ] || marker /tmp/Quorvik-PleaseDoLog
 }
 
-# Usage: launch [--as user|root] [--env NAME=VALUE]... [--unset NAME]... [--background] [-- ARG...]
 launch() {
     local as=user background=0 name user=()
     local env=(PATH=/usr/local/bin:/usr/bin:/bin "HOME=$USER_HOME" "USER=$USER_NAME" "LOGNAME=$USER_NAME")
@@ -158,43 +139,34 @@ launch() {
         [ -n "$E2E_USB_DIR" ] || e2e_usb_start
         env+=(LD_PRELOAD=libumockdev-preload.so.0 "UMOCKDEV_DIR=$E2E_USB_DIR")
     fi
-    STATUS=""
     # setsid: no controlling terminal, even when a developer runs the file from one.
     setsid chroot "${user[@]}" "$ROOT" /usr/bin/env -i "${env[@]}" "$EXE" "$@" \
         </dev/null >>"$ROOT/.e2e/launcher.out" 2>&1 &
-    PID=$!
+    PID=$! STATUS=""
     [ "$background" = 1 ] || e2e_wait_end 10 || e2e_fail "the Launcher did not end within 10 s (killed)"
 }
-# True while the Launcher runs (a finished one that was not collected yet does not count).
-e2e_alive() {
-    local stat
-    stat=$(cat "/proc/$PID/stat" 2>/dev/null) && stat=${stat##*) } && [ "${stat:0:1}" != Z ]
-}
+# A finished Launcher that was not collected yet does not count.
+e2e_alive() { local s && s=$(cat "/proc/$PID/stat" 2>/dev/null) && s=${s##*) } && [ "${s:0:1}" != Z ]; }
 e2e_ended() { ! e2e_alive; }
-# Waits up to S seconds for the Launcher to end and collects STATUS; kills it when it does not.
 e2e_wait_end() {
-    local ended=1
-    e2e_poll "$1" e2e_ended || { ended=0 && kill -KILL "$PID" 2>/dev/null; }
+    local ended=0
+    e2e_poll "$1" e2e_ended && ended=1 || kill -KILL "$PID" 2>/dev/null
     wait "$PID" 2>/dev/null
-    STATUS=$?
-    [ "$ended" = 1 ]
+    STATUS=$? && [ $ended = 1 ]
 }
-# Its normal life never ends by itself, so it must still be running.
 stop_launcher() {
-    local running=false
-    e2e_alive && running=true && kill -TERM "$PID"
+    local running=false && e2e_alive && running=true && kill -TERM "$PID"
     e2e_wait_end 5
     e2e_check "still running until stopped, not ended by itself (status $STATUS)" $running
 }
 wait_until_serving() {
-    E2E_SEEN=0
-    e2e_poll 10 e2e_serving_or_ended
+    E2E_SEEN=0 && e2e_poll 10 e2e_serving_or_ended
     e2e_check "serving its run loop" [ $E2E_SEEN = 2 ]
+    [ $E2E_SEEN = 2 ]
 }
 # Seen in poll twice in a row (a pass of the loop with work still pending does not count), or ended.
 e2e_serving_or_ended() {
-    local call
-    e2e_alive || return 0
+    local call && e2e_alive || return 0
     read -r call _ <"/proc/$PID/syscall" 2>/dev/null
     if [[ " $E2E_POLL_CALLS " == *" ${call:-none} "* ]]; then E2E_SEEN=$((E2E_SEEN + 1)); else E2E_SEEN=0; fi
     [ $E2E_SEEN = 2 ]
@@ -207,21 +179,16 @@ wait_for_call() { e2e_poll 10 e2e_called "$@"; expect_call "$@"; }
 e2e_usb_start() {
     [ -n "$E2E_USB_BUS" ] || e2e_die "USB scenarios need the bus helper: bash $0 <Launcher> <e2e_usb_bus>"
     install -m 0755 "$E2E_USB_BUS" "$ROOT/.e2e/usb_bus" || e2e_die "cannot copy the USB bus helper"
-    coproc E2E_USB {
-        exec chroot "$ROOT" /usr/bin/env LD_PRELOAD=libumockdev-preload.so.0 /.e2e/usb_bus 2>>"$ROOT/.e2e/usb_bus.out"
-    }
-    E2E_USB_OUT=${E2E_USB[0]} E2E_USB_IN=${E2E_USB[1]}
-    local word
+    coproc E2E_USB { exec chroot "$ROOT" /usr/bin/env LD_PRELOAD=libumockdev-preload.so.0 /.e2e/usb_bus 2>>"$ROOT/.e2e/usb_bus.out"; }
+    local word && E2E_USB_OUT=${E2E_USB[0]} E2E_USB_IN=${E2E_USB[1]}
     read -r -t 10 -u "$E2E_USB_OUT" word E2E_USB_DIR && [ "$word" = ready ] && [ -n "$E2E_USB_DIR" ] ||
         e2e_die "the simulated USB bus did not start: $(cat "$ROOT/.e2e/usb_bus.out")"
 }
 e2e_usb_command() {
-    local answer rest
-    echo "$1" >&"$E2E_USB_IN"
+    local answer rest && echo "$1" >&"$E2E_USB_IN"
     read -r -t 10 -u "$E2E_USB_OUT" answer rest && [ "$answer" = ok ] ||
         e2e_die "the simulated USB bus refused '$1': ${answer:-no answer} ${rest:-}"
 }
-# Usage: plug VENDOR PRODUCT (before `launch` present at start, afterwards arriving)
 plug() {
     [ -n "$E2E_USB_DIR" ] || [ -n "$PID" ] || e2e_usb_start
     [ -n "$E2E_USB_DIR" ] || e2e_die "plug: the Launcher was started without the simulated USB bus (use launch --as root)"
@@ -230,15 +197,8 @@ plug() {
 }
 unplug() { e2e_usb_command "remove $1"; }
 
-e2e_fail() {
-    E2E_CHECKS=$((E2E_CHECKS + 1)) E2E_FAILED=$((E2E_FAILED + 1)) E2E_SCENARIO_FAILED=1
-    echo "  FAIL  $*"
-}
-e2e_check() {
-    local what=$1
-    shift
-    if "$@"; then E2E_CHECKS=$((E2E_CHECKS + 1)) && echo "  ok    $what"; else e2e_fail "$what" && return 1; fi
-}
+e2e_fail() { E2E_CHECKS=$((E2E_CHECKS + 1)) E2E_FAILED=$((E2E_FAILED + 1)) E2E_SCENARIO_FAILED=1 && echo "  FAIL  $*"; }
+e2e_check() { if "${@:2}"; then E2E_CHECKS=$((E2E_CHECKS + 1)) && echo "  ok    $1"; else e2e_fail "$1"; fi; }
 expect_status() { e2e_check "exit status $1 (got ${STATUS:-none})" [ "${STATUS:-}" = "$1" ]; }
 expect_file() { e2e_check "$1 exists" test -e "$ROOT$1"; }
 expect_no_file() { e2e_check "no $1" test ! -e "$ROOT$1"; }
@@ -251,28 +211,23 @@ expect_line() { e2e_check "$1: $2" e2e_has_line "$1" "$2"; }
 e2e_has_line() { e2e_lines "$1" | grep -qxF -- "$2"; }
 expect_no_line() { e2e_check "$1 lacks lines with: $2" e2e_lacks_text "$1" "$2"; }
 e2e_lacks_text() { ! grep -qF -- "$2" "$ROOT$1" 2>/dev/null; }
-# FILE begins with exactly these lines. Usage: expect_head FILE LINE...
 expect_head() {
-    local actual
-    actual=$(e2e_lines "$1" | head -n $(($# - 1)))
+    local actual=$(e2e_lines "$1" | head -n $(($# - 1)))
     e2e_check "$1 begins with: $(printf '%s|' "${@:2}")" [ "$actual" = "$(printf '%s\n' "${@:2}")" ]
 }
-# No file matches the sandbox glob (braces expanded). Usage: expect_no_files GLOB
 expect_no_files() {
     local found
     eval "found=(\"\$ROOT\"$1)"
     e2e_check "no file like $1 (found: ${found[*]#"$ROOT"})" [ ${#found[@]} = 0 ]
 }
-# Exactly one file matches the sandbox glob; its sandbox path goes into VAR. Usage: find_one VAR GLOB
 find_one() {
     local found=("$ROOT"$2)
     printf -v "$1" '%s' "${found[0]#"$ROOT"}"
     e2e_check "one file like $2 (found: ${found[*]#"$ROOT"})" [ ${#found[@]} = 1 ]
 }
 
-# The journal line of a call: "<tool> [arg] [arg]".
 e2e_call_text() { printf '%s' "$1" && [ $# = 1 ] || printf ' [%s]' "${@:2}"; }
-# How many journal calls are exactly TOOL ARG..., with details (" | uid=501 ...") holding every word of --where.
+# Journal lines "TOOL [ARG]... | DETAILS" whose details hold every word of --where.
 e2e_count_calls() {
     local where=""
     [ "$1" = --where ] && { where=$2 && shift 2; }
@@ -283,14 +238,11 @@ e2e_count_calls() {
           n++ }
         END { print n + 0 }' "$ROOT/.e2e/journal"
 }
-e2e_call_desc() { if [ "$1" = --where ]; then echo "$(e2e_call_text "${@:3}") | $2"; else e2e_call_text "$@"; fi; }
-expect_call() { e2e_check "called: $(e2e_call_desc "$@")" e2e_called "$@"; }
+expect_call() { e2e_check "called: $*" e2e_called "$@"; }
 e2e_called() { [ "$(e2e_count_calls "$@")" -ge 1 ]; }
-# Usage: expect_calls N [--where WORDS] TOOL ARG...
 expect_calls() {
-    local got
-    got=$(e2e_count_calls "${@:2}")
-    e2e_check "called $1 times (got $got): $(e2e_call_desc "${@:2}")" [ "$got" = "$1" ]
+    local got=$(e2e_count_calls "${@:2}")
+    e2e_check "called $1 times (got $got): ${*:2}" [ "$got" = "$1" ]
 }
 expect_no_call() { e2e_check "never called: $1" awk -v tool="$1" '$1 == tool { exit 1 }' "$ROOT/.e2e/journal"; }
 expect_only_calls() {
@@ -298,29 +250,19 @@ expect_only_calls() {
 }
 expect_no_calls() { e2e_check "no tool was run" [ ! -s "$ROOT/.e2e/journal" ]; }
 
-# The running Launcher's arguments, program path first. Usage: expect_command_line ARG...
 expect_command_line() {
-    local got
-    got=$(tr '\0' '\n' <"/proc/$PID/cmdline" | sed 's/.*/[&]/' | tr -d '\n')
+    local got=$(tr '\0' '\n' <"/proc/$PID/cmdline" | sed 's/.*/[&]/' | tr -d '\n')
     e2e_check "runs as $(printf '[%s]' "$@") (got $got)" [ "$got" = "$(printf '[%s]' "$@")" ]
 }
-expect_user_ids() {
-    local label real effective
-    read -r label real effective _ < <(grep '^Uid:' "/proc/$PID/status")
-    e2e_check "real and effective user $1 $2 (got $real $effective)" [ "$real $effective" = "$1 $2" ]
-}
-# Mode (octal) and owner of PATH itself. Usage: expect_mode PATH "MODE UID:GID"
 expect_mode() {
-    local got
-    got=$(in_root stat -c '%a %u:%g' -- "$1")
+    local got=$(in_root stat -c '%a %u:%g' -- "$1")
     e2e_check "$1 is $2 (got $got)" [ "$got" = "$2" ]
 }
-# The Mac-shaped part of the file system (everything but /tmp).
 e2e_tree() { in_root /usr/bin/find /Applications /Library /System /Users -printf '%p %m %u:%g %s\n' 2>/dev/null | sort; }
 snapshot() { E2E_SNAPSHOT=$(e2e_tree); }
-expect_unchanged() {
-    local now
-    now=$(e2e_tree)
-    e2e_check "the file system is unchanged" [ "$now" = "$E2E_SNAPSHOT" ] ||
-        diff <(echo "$E2E_SNAPSHOT") <(echo "$now") | sed 's/^/    /'
+expect_unchanged() { e2e_same "the file system is unchanged" "$E2E_SNAPSHOT" "$(e2e_tree)"; }
+# The text ACTUAL is EXPECTED; the difference is shown when not. Usage: e2e_same DESCRIPTION EXPECTED ACTUAL
+e2e_same() {
+    e2e_check "$1" [ "$3" = "$2" ]
+    [ "$3" = "$2" ] || diff <(echo "$2") <(echo "$3") | sed 's/^/    /'
 }

@@ -1,7 +1,5 @@
 #!/bin/sh
-# Stand-in for a system tool: appends "<path> [arg]... | uid=<uid> NAME=value..." (the variables named in
-# /.e2e/record-env) to the journal, runs /.e2e/answer/<tool> if the scenario wrote one, and exits with
-# /.e2e/status/<tool> (default 0).
+# Stand-in for a system tool (see README.md); runs /.e2e/answer/<tool> when a scenario wrote one.
 line=$0
 for arg; do line="$line [$arg]"; done
 line="$line | uid=$(/usr/bin/id -u)"

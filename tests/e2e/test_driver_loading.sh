@@ -1,5 +1,3 @@
-# Driver loading at start: which folders' entries reach /sbin/kextload, in which order, and the
-# owners and modes left behind, inside the package and outside it.
 source "$(dirname "$0")/lib.sh"
 
 DRIVERS="$APP/Contents/Drivers"
@@ -11,8 +9,7 @@ user_driver() {
 }
 # The loader's calls in journal order: each driver three times. Usage: expect_loaded PATH...
 expect_loaded() {
-    local got
-    got=$(sed -n 's#^/sbin/kextload \[\(.*\)\] | .*#\1#p' "$ROOT/.e2e/journal")
+    local got=$(sed -n 's#^/sbin/kextload \[\(.*\)\] | .*#\1#p' "$ROOT/.e2e/journal")
     e2e_check "kextload ran three times for: $(printf '%s|' "$@")" [ "$got" = "$(printf '%s\n' "$@" "$@" "$@")" ]
     expect_only_calls /sbin/kextload
 }

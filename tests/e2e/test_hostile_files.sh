@@ -1,8 +1,4 @@
-# Entries a hostile user plants in /tmp and in the home folder: the super-user makes nothing outside
-# the user's reach, a planted pipe stalls nothing, and what the Launcher makes in the home folder is the user's.
 source "$(dirname "$0")/lib.sh"
-
-OTHER=602:602
 
 scenario "a pipe for the depth marker and a home folder the user flips give the super-user's file no other place"
 folder --owner "$USER_ID:$USER_GID" "$USER_HOME/real"
@@ -21,12 +17,12 @@ e2e_check "no log file of the super-user's outside /tmp" \
     [ -z "$(in_root find /Applications /Library /System /Users /etc -name 'Quorvik.*' -user 0)" ]
 
 scenario "pipes another user planted at the log names stall nothing; the home folder's log file is the user's"
-printf '' | put /tmp/Quorvik-PleaseDoLog 0644 "$OTHER"
+printf '' | put /tmp/Quorvik-PleaseDoLog 0644 602:602
 marker "$USER_HOME/Quorvik-DoLog" 1
 # The Launcher's process id is among the next few hundred of this pid namespace.
 next=$(($(cat /proc/sys/kernel/ns_last_pid) + 1))
 in_root /bin/sh -c 'cd /tmp && mkfifo -m 0666 $(seq -f "Quorvik.Log.%g" "$1" "$2") && chown "$3" Quorvik.Log.*' \
-    sh "$next" "$((next + 400))" "$OTHER" || e2e_die "cannot plant the pipes"
+    sh "$next" "$((next + 400))" 602:602 || e2e_die "cannot plant the pipes"
 serve
 e2e_check "the pipe at $(main_log) is left as it was" test -p "$ROOT$(main_log)"
 owners=$(stat -c %u:%g -- "$ROOT$USER_HOME"/Quorvik.* 2>/dev/null | sort -u)

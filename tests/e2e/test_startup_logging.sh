@@ -1,5 +1,3 @@
-# Start-up: each combination of log markers and the files it leaves, the no-launch marker, and the scan
-# of the command line for the two uninstall options.
 source "$(dirname "$0")/lib.sh"
 
 HEADER="Project Launcher Build (null)"
@@ -27,10 +25,6 @@ marker /Users/.Quorvik-NoLaunch-Brisel
 serve
 expect_no_files "{/tmp,$USER_HOME}/Quorvik.*"
 
-scenario "the main marker in the home folder still logs to /tmp" --no-version
-marker "$USER_HOME/Quorvik-PleaseDoLog"
-serve
-expect_head "$(main_log)" "$HEADER" "" "System version 00001090" ""
 
 scenario "the depth marker in /tmp writes a timestamped file with its header" --version 10.5.8
 marker /tmp/Quorvik-DoLog 255
@@ -72,7 +66,9 @@ expect_line "$(main_log)" "Unknown: <date>: Main:79(Trace): main: BRISEL Found -
 expect_no_line "$(main_log)" "Main:68(Trace)"
 expect_no_call /usr/bin/zenity
 
-scenario "near misses of the options lead to the normal life" --log
+scenario "near misses of the options lead to the normal life; the main marker in the home folder logs to /tmp" --no-version
+marker "$USER_HOME/Quorvik-PleaseDoLog"
 serve -- --qvk-uninstall=1 --QVK-UNINSTALL --qvk-uninstallx -qvk-uninstall " --qvk-uninstall" \
     --qvk-drivers-uninstall=yes --qvk-drivers-uninstal --uid 0
+expect_head "$(main_log)" "$HEADER" "" "System version 00001090" ""
 expect_no_line "$(main_log)" "Found --qvk-uninstall"

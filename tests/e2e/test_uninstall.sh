@@ -1,6 +1,3 @@
-# The package removes itself: "--qvk-uninstall" once the user says yes (a no changes nothing),
-# "--qvk-drivers-uninstall" for the drivers marked as its own, and by itself when the running
-# Launcher sees its application folder dragged into the Trash; moved elsewhere, it starts again from there.
 source "$(dirname "$0")/lib.sh"
 
 QUESTION="/usr/bin/zenity [--question] [--no-markup] [--default-cancel] [--title=Quorvik Connect] [--text=Do you really want to deinstall Quorvik Connect?] [--ok-label=Yes] [--cancel-label=No]"
@@ -14,9 +11,7 @@ CACHES=(/System/Library/Caches/com.apple.kext.caches/Directories/System/Library/
 AGENT="$USER_HOME/Library/LaunchAgents/Quorvik Connect.plist"
 BAD_APP='/Applications/Quorvik "$(touch pwned)" `touch pwned`.app'
 
-# A "ps" first on the Launcher's search path, a stand-in that lists the Launcher itself (its caller's
-# caller), the application's process APP_PID, a line that is no process id, and after a line without a
-# number the process LATE_PID.
+# A "ps" stand-in listing the Launcher (its caller's caller), APP_PID, odd lines, then LATE_PID after a line without a number.
 fake_ps() {
     in_root /bin/sleep 300 & APP_PID=$!
     in_root /bin/sleep 300 & LATE_PID=$!
@@ -27,57 +22,39 @@ printf '%s\n' "$APP_PID $APP/Contents/MacOS/Quorvik Connect" "   77 /usr/sbin/cr
     "  abc $APP/Contents/Stray" "$LATE_PID $APP/Contents/Late"
 EOS
 }
-# The journal is exactly standard input. Usage: expect_journal <<EOF
-expect_journal() {
-    local expected actual
-    expected=$(cat) actual=$(cat "$ROOT/.e2e/journal")
-    e2e_check "the journal holds the calls in order" [ "$actual" = "$expected" ] ||
-        diff <(echo "$expected") <(echo "$actual") | sed 's/^/    /'
-}
-# FILE has exactly N lines containing TEXT. Usage: expect_count N FILE TEXT
+expect_journal() { e2e_same "the journal holds the calls in order" "$(cat)" "$(cat "$ROOT/.e2e/journal")"; }
 expect_count() {
-    local got
-    got=$(grep -cF -- "$3" "$ROOT$2" 2>/dev/null)
+    local got=$(grep -cF -- "$3" "$ROOT$2" 2>/dev/null)
     e2e_check "$2 has $1 lines with: $3 (got ${got:-0})" [ "${got:-0}" = "$1" ]
 }
-# A device list with one device served by the given drivers. Usage: device_list DRIVER...
 device_list() {
     printf '<plist version="1.0"><array><dict><key>Drivers</key><array>%s</array></dict></array></plist>\n' \
         "$(printf '<string>%s</string>' "$@")"
 }
-# A driver bundle modified at the given time. Usage: kext PATH SECONDS
 kext() { echo "<plist/>" | put "$1/Contents/Info.plist" && in_root touch -d "@$2" "$1" || e2e_die "cannot date $1"; }
-# An installed driver folder, with a "Quorvik Source" mark when MARK is given. Usage: driver NAME [MARK]
+# Usage: driver NAME [MARK]
 driver() {
     echo "<plist/>" | put "$EXTENSIONS/$1/Contents/Info.plist"
     [ $# -lt 2 ] || printf '%s' "$2" | put "$EXTENSIONS/$1/Quorvik Source"
 }
-# What the package left on the machine: its uninstaller, modem script, receipts, the user's agent
-# and data, and its network service in the current set, in its order beside another one.
 installed_package() {
     for file in "$UNINSTALLER/Contents/Info.plist" "$MODEM_SCRIPT" "${NEW_RECEIPTS[@]}" "$OLD_RECEIPT/Contents/Archive.bom" \
-        "${CACHES[@]}"; do
-        echo x | put "$file"
-    done
-    # The old receipts belong to the administrators' group, of which the user is one, as on the Mac:
-    # they are removed after the Launcher has become the user.
+        "${CACHES[@]}"; do echo x | put "$file"; done
+    # The old receipts are the administrators' group's, as on the Mac: removed once the Launcher is the user.
     in_root /bin/sh -c 'chown -R "0:$1" /Library/Receipts && chmod -R g+w /Library/Receipts' sh "$USER_GID" ||
         e2e_die "cannot hand the receipts to the administrators"
     echo "<plist/>" | put "$AGENT" 0644 "$USER_ID:$USER_GID"
     echo "settings" | put "$USER_HOME/.Quorvik/settings.plist" 0600 "$USER_ID:$USER_GID"
     in_root chown "$USER_ID:$USER_GID" "$USER_HOME/.Quorvik"
     put "$PREFERENCES" <<EOF
-<?xml version="1.0" encoding="UTF-8"?><plist version="1.0"><dict><key>CurrentSet</key><string>/Sets/1</string>
-<key>NetworkServices</key><dict>
-<key>$SERVICE</key><dict><key>UserDefinedName</key><string>Quorvik</string></dict></dict>
-<key>Sets</key><dict><key>1</key><dict><key>Network</key><dict><key>Global</key><dict><key>IPv4</key><dict>
-<key>ServiceOrder</key><array><string>$SERVICE</string><string>Other-1</string></array></dict></dict>
-<key>Service</key><dict><key>$SERVICE</key><dict><key>__LINK__</key><string>/NetworkServices/$SERVICE</string>
-</dict></dict></dict></dict></dict></dict></plist>
+<plist version="1.0"><dict><key>CurrentSet</key><string>/Sets/1</string><key>NetworkServices</key><dict>
+<key>$SERVICE</key><dict><key>UserDefinedName</key><string>Quorvik</string></dict></dict><key>Sets</key><dict><key>1</key>
+<dict><key>Network</key><dict><key>Global</key><dict><key>IPv4</key><dict><key>ServiceOrder</key><array><string>$SERVICE</string>
+<string>Other-1</string></array></dict></dict><key>Service</key><dict><key>$SERVICE</key><dict><key>__LINK__</key>
+<string>/NetworkServices/$SERVICE</string></dict></dict></dict></dict></dict></dict></plist>
 EOF
 }
-# The data folder went to the Trash, still the user's, under a stamp taken during the run
-# (microseconds since 1970 in hexadecimal). Usage: expect_trashed_data [BEFORE AFTER]
+# The data went to the Trash, still the user's, stamped in hexadecimal microseconds since 1970 between BEFORE and AFTER.
 expect_trashed_data() {
     local trashed stamp ok=false
     expect_no_file "$USER_HOME/.Quorvik"
@@ -92,8 +69,7 @@ unloads() { grep -c '^/sbin/kextunload ' "$ROOT/.e2e/journal"; }
 
 scenario "answered yes: every step in order, the package and its traces gone, the data in the Trash" --log
 installed_package
-# A driver listed by the package with an identical copy stays: the application folder, where the
-# list and the copy lie, is gone before the cleanup looks at them.
+# A listed driver with an identical copy stays: the list and the copy are gone before the cleanup looks.
 kext "$EXTENSIONS/QuorvikModem.kext" 1300000000
 kext "$LAUNCHER_APP/Contents/Drivers-Install/Drivers/QuorvikModem.kext" 1300000000
 device_list QuorvikModem.kext | put "$LAUNCHER_APP/Contents/Resources/NetworkBlocker.xml"
@@ -105,8 +81,6 @@ before=$(date +%s%6N)
 launch --env DISPLAY=:5 -- --qvk-uninstall
 after=$(date +%s%6N)
 expect_status 0
-# Root's preference domains, the application stopped, then as the user: the autostart entry's
-# tidy-up, the user's domains, the application stopped again, the restart message.
 expect_journal <<EOF
 $QUESTION | uid=$USER_ID
 /usr/bin/defaults [delete] [com.quorvik.Connect] | uid=0
@@ -120,14 +94,12 @@ $QUESTION | uid=$USER_ID
 $RESTART
 EOF
 e2e_check "a process listed after a line without a number still sleeps" [ "$(awk '{ print $3 }' "/proc/$LATE_PID/stat")" = S ]
-kill -KILL "$APP_PID"
-wait "$APP_PID"
+kill -KILL "$APP_PID"; wait "$APP_PID"
 e2e_check "the application's process ended by the termination signal" [ $? = 143 ]
 for gone in "$APP" "$UNINSTALLER" "$MODEM_SCRIPT" "${NEW_RECEIPTS[@]}"; do expect_no_file "$gone"; done
 # From 10.6 on the old receipt scheme is left alone.
 for kept in "$OLD_RECEIPT/Contents/Archive.bom" "$EXTENSIONS/QuorvikModem.kext" /Library/Kept/file; do expect_file "$kept"; done
 expect_trashed_data "$before" "$after"
-# The service left the current set's order.
 expect_no_line "$PREFERENCES" "<string>$SERVICE</string>"
 for line in "uid: 0 euid: 0" "uid: $USER_ID euid: $USER_ID"; do expect_count 1 "$(main_log)" "Launcher_PerformCleanup: $line"; done
 expect_count 1 "$(main_log)" "Launcher_DeleteApp: $APP"
@@ -142,8 +114,7 @@ expect_status 0
 expect_journal <<<"$QUESTION | uid=$USER_ID DISPLAY=:5"
 expect_unchanged
 
-# Starts the Launcher, waits until it serves and runs COMMAND in the root; the Launcher must then
-# end by itself. Usage: run_then COMMAND...
+# Runs COMMAND in the root once the Launcher serves; the Launcher must then end by itself.
 run_then() {
     launch --background --env DISPLAY=:5
     wait_until_serving || return
@@ -153,8 +124,7 @@ run_then() {
 
 scenario "dragged into the Trash: the package removes itself from there with its drivers, tells the user and ends" --log
 installed_package
-# Only a driver whose name is longer than seven characters, installed and with a package copy of
-# the same time, is the package's.
+# Only a driver named with more than seven characters, installed and with a package copy of the same time, is the package's.
 device_list Ab.kext Abc.kext Other.kext NoCopy.kext NotThere.kext ../Outside.kext | put "$APP/Contents/Resources/NetworkBlocker.xml"
 for name in Ab Abc Other NoCopy; do kext "$EXTENSIONS/$name.kext" 1300000000; done
 for name in Ab Abc NotThere ../Outside; do kext "$APP/Contents/Drivers-Install/Drivers/$name.kext" 1300000000; done

@@ -1,5 +1,3 @@
-# A known modem on the USB bus starts the connection application, as the user the Launcher acts for and
-# with the session's variables only: nothing of the caller's environment that steers a program reaches it.
 source "$(dirname "$0")/lib.sh"
 
 LIST_LINE="Unknown: <date>: USBLauncher:111(Trace): -[QVK_Framework_Port_Module_USBLauncher QVK_Framework_PortModule_MatchingDictionaries]: $APP/Launcher.app/../Contents/Resources/NetworkBlocker.xml ->"
