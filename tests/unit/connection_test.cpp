@@ -2,8 +2,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <functional>
-
 #include "framework/base/identity.h"
 #include "framework/connection/connection_name.h"
 #include "framework/connection/privileged_connection_config.h"
@@ -30,24 +28,18 @@ TEST(ConnectionName, KeepsAllowedCharactersFoldsRunsOfOthersAndElseTakesTheSigne
 }
 
 // The current set uses the modem's service and lists it twice in its order; another set too.
-Dictionary NetworkPreferences() {
-    auto set = [] {
+Dictionary NetworkPreferences(bool removed = false) {
+    auto set = [](bool used) {
+        Dictionary services{{"ETH", Dictionary{}}};
+        if (used) services["Quorvik_Modem-1"] = Dictionary{};
+        Array order = used ? Array{"ETH", "Quorvik_Modem-1", "WIFI", "Quorvik_Modem-1"} : Array{"ETH", "WIFI"};
         return Dictionary{
             {"Network",
-             Dictionary{
-                 {"Service", Dictionary{{"ETH", Dictionary{}}, {"Quorvik_Modem-1", Dictionary{}}}},
-                 {"Global", Dictionary{{"IPv4", Dictionary{{"ServiceOrder", Array{"ETH", "Quorvik_Modem-1", "WIFI",
-                                                                                  "Quorvik_Modem-1"}}}}}}}}};
+             Dictionary{{"Service", services}, {"Global", Dictionary{{"IPv4", Dictionary{{"ServiceOrder", order}}}}}}}};
     };
     return Dictionary{{"CurrentSet", "/Sets/HOME"},
                       {"NetworkServices", Dictionary{{"Quorvik_Modem-1", Dictionary{{"UserDefinedName", "Modem"}}}}},
-                      {"Sets", Dictionary{{"HOME", set()}, {"WORK", set()}}}};
-}
-
-Dictionary& At(Dictionary& root, std::initializer_list<const char*> path) {
-    Dictionary* at = &root;
-    for (const char* name : path) at = (*at)[name].AsDictionary();
-    return *at;
+                      {"Sets", Dictionary{{"HOME", set(!removed)}, {"WORK", set(true)}}}};
 }
 
 TEST(ConnectionDelete, TakesTheServiceOutOfTheCurrentSetOnlyWhenEveryStepSucceeds) {
@@ -58,44 +50,33 @@ TEST(ConnectionDelete, TakesTheServiceOutOfTheCurrentSetOnlyWhenEveryStepSucceed
     Scoped<const char*> name(QVK_Framework_Project_Name_Application, "Quorvik Modem");
     RecordingProcess root{501, 0};
     platform::Replace<platform::ProcessIdentity> useIdentity{root};
-    Dictionary removed = NetworkPreferences();
-    At(removed, {"Sets", "HOME", "Network", "Service"}).erase("Quorvik_Modem-1");
-    // Each change of the preferences, and whether the service then goes; nothing is saved otherwise.
-    const std::pair<std::function<void(Dictionary&)>, bool> cases[] = {
-        {[](Dictionary&) {}, true},
-        {[](Dictionary& r) {
-             At(r, {"Sets", "HOME", "Network", "Global", "IPv4"})["ServiceOrder"] = Array{"ETH"};
-         },
-         true},
-        {[](Dictionary& r) { r.erase("CurrentSet"); }, false},
-        {[](Dictionary& r) { r["CurrentSet"] = Array{"/Sets/HOME"}; }, false},
-        {[](Dictionary& r) { r["NetworkServices"] = Array{}; }, false},
-        {[](Dictionary& r) {
-             At(r, {"Sets", "HOME", "Network", "Service"}).erase("Quorvik_Modem-1");
-         },
-         false},
-        {[](Dictionary& r) {
-             At(r, {"Sets", "HOME", "Network", "Global", "IPv4"}).erase("ServiceOrder");
-         },
-         false},
-        {[](Dictionary& r) {
-             At(r, {"Sets", "HOME", "Network", "Global", "IPv4"})["ServiceOrder"] = "x";
-         },
-         false},
-        {[](Dictionary& r) {
-             At(r, {"Sets", "HOME", "Network", "Global"}).erase("IPv4");
-         },
-         false}};
-    for (const auto& [change, goes] : cases) {
-        Dictionary before = NetworkPreferences(), after = removed;
-        change(before);
-        change(after);
-        WritePlist(path, before);
+    // A key of the folder at a path replaced (erased where the value is null), and whether the
+    // service then goes; nothing is saved otherwise.
+    using Path = std::vector<const char*>;
+    const Path ipv4{"Sets", "HOME", "Network", "Global", "IPv4"}, services{"Sets", "HOME", "Network", "Service"};
+    const std::tuple<Path, const char*, Value, bool> cases[] = {
+        {{}, "none", Value(), true},
+        {ipv4, "ServiceOrder", Array{"ETH"}, true},
+        {{}, "CurrentSet", Value(), false},
+        {{}, "CurrentSet", Array{"/Sets/HOME"}, false},
+        {{}, "NetworkServices", Array{}, false},
+        {services, "Quorvik_Modem-1", Value(), false},
+        {ipv4, "ServiceOrder", Value(), false},
+        {ipv4, "ServiceOrder", "x", false},
+        {{"Sets", "HOME", "Network", "Global"}, "IPv4", Value(), false}};
+    for (const auto& [at, key, value, goes] : cases) {
+        auto change = [&](Dictionary root) {
+            Dictionary* folder = &root;
+            for (const char* step : at) folder = (*folder)[step].AsDictionary();
+            if (value.IsNull())
+                folder->erase(key);
+            else
+                (*folder)[key] = value;
+            return root;
+        };
+        WritePlist(path, change(NetworkPreferences()));
         QVK_Framework_Connection_Delete(1);
-        Value* order = goes ? &At(after, {"Sets", "HOME", "Network", "Global", "IPv4"})["ServiceOrder"] : nullptr;
-        if (order && *order == Value(Array{"ETH", "Quorvik_Modem-1", "WIFI", "Quorvik_Modem-1"}))
-            *order = Array{"ETH", "WIFI"};
-        EXPECT_EQ(platform::ReadPropertyList(path), Value(goes ? after : before));
+        EXPECT_EQ(platform::ReadPropertyList(path), Value(change(NetworkPreferences(goes)))) << key;
     }
     Dictionary settings{{"UserDefinedName", "Quorvik Modem"}};
     EXPECT_EQ(Privileged_InstallConnection(nullptr, &settings, "Quorvik_Modem-1"), 1001) << "settings are refused";

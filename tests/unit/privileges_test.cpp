@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <deque>
+#include <sstream>
 
 #include "framework/privileges/setuid.h"
 #include "framework/privileges/standard_descriptors.h"
@@ -17,10 +18,12 @@ using ::testing::ElementsAre;
 
 class HandleSetuid : public ::testing::Test {
 protected:
-    std::uint32_t Run(RecordingProcess& process, std::vector<std::string> args) {
+    // Runs with the executable's path and the words of `args` as arguments.
+    std::uint32_t Run(RecordingProcess& process, const std::string& args) {
         platform::Replace<platform::ProcessIdentity> useProcess(process);
-        args.insert(args.begin(), kExecutable);
-        argv_.assign(args.begin(), args.end());
+        std::istringstream words(std::string(kExecutable) + " " + args);
+        argv_.clear();
+        for (std::string word; words >> word;) argv_.push_back(word);
         std::vector<char*> pointers;
         for (std::string& a : argv_) pointers.push_back(a.data());
         pointers.push_back(nullptr);
@@ -46,23 +49,21 @@ TEST_F(HandleSetuid, TheUsersStartReexecutesTheRunningFileForThatUserAloneWithIt
     std::filesystem::create_directories(folder_.path() + "/Launcher.app/Contents/Resources/fr.lproj");
     languages_.Set("LANGUAGE", "fr:de");
     // The user's own hand-over options go, each with what the privileged run would take as its value.
-    const std::pair<std::vector<std::string>, std::vector<std::string>> cases[] = {
-        {{"--qvk-uninstall"}, {"--qvk-uninstall"}},
-        {{"--qvk-uninstall", "--uid"}, {"--qvk-uninstall"}},
-        {{"--uid", "0", "--lang", "x", "--qvk-drivers-uninstall"}, {"--qvk-drivers-uninstall"}},
-        {{"--lang", "--uid", "7"}, {"7"}},
-        {{"--uidx", "--LANG", "x", "-uid", "7"}, {"--uidx", "--LANG", "x", "-uid", "7"}}};
+    const std::pair<const char*, const char*> cases[] = {
+        {"--qvk-uninstall", "--qvk-uninstall"},
+        {"--qvk-uninstall --uid", "--qvk-uninstall"},
+        {"--uid 0 --lang x --qvk-drivers-uninstall", "--qvk-drivers-uninstall"},
+        {"--lang --uid 7", "7"},
+        {"--uidx --LANG x -uid 7", "--uidx --LANG x -uid 7"}};
     for (const auto& [given, kept] : cases) {
         RecordingProcess process(501, 0);
         EXPECT_THROW(Run(process, given), ImageReplaced);
         // Groups go with the user id; the file is reached through the bundle's descriptor only.
         EXPECT_THAT(process.calls, ElementsAre("become 0", "chmod 755 <42>", "execve <42>"));
-        std::vector<std::string> expected{kExecutable};
-        expected.insert(expected.end(), kept.begin(), kept.end());
-        expected.insert(expected.end(), {"--uid", "501", "--lang", "fr"});
-        EXPECT_EQ(process.arguments, expected) << ::testing::PrintToString(given);
+        std::string handedOver = std::string(kept) + " --uid 501 --lang fr";
+        EXPECT_EQ(process.arguments, std::string(kExecutable) + " " + handedOver) << given;
         RecordingProcess privileged(0, 0);
-        EXPECT_EQ(Run(privileged, {process.arguments.begin() + 1, process.arguments.end()}), 501u);
+        EXPECT_EQ(Run(privileged, handedOver), 501u);
         EXPECT_STREQ(QVK_PreferredLanguage, "fr");
     }
 }
@@ -88,29 +89,24 @@ TEST_F(HandleSetuid, AFailedReexecutionPutsTheBitBackAndIsAnAssertion) {
 
 TEST_F(HandleSetuid, ThePrivilegedRunRestoresTheBitAndTakesOnlyAWhollyDecimalUid) {
     RecordingProcess process(0, 0);
-    EXPECT_EQ(Run(process, {"--uid", "501", "--lang", "de"}), 501u);
+    EXPECT_EQ(Run(process, "--uid 501 --lang de"), 501u);
     EXPECT_THAT(process.calls, ElementsAre("chown 0:0 <42>", "chmod 4755 <42>"));
     EXPECT_STREQ(QVK_PreferredLanguage, "de");
     // Started by path: the super-user's own start, whatever it asks for.
     EXPECT_EQ(QVK_Framework_SetuidStartingUser, std::nullopt);
-    const std::pair<std::vector<std::string>, std::uint32_t> cases[] = {{{"--uid", "12x"}, 0},
-                                                                        {{"--uid", "501", "--uid", "12x"}, 501},
-                                                                        {{"--uid", "7", "--uid", "9"}, 9},
-                                                                        {{"--uid", "501", "--uid", "0"}, 0},
-                                                                        {{"--uid", "-1"}, 0},
-                                                                        {{"--uid", " 5"}, 0},
-                                                                        {{"--uid", "4294967295"}, 0},
-                                                                        {{"--uid"}, 0},
-                                                                        {{"--uid", "4294967294"}, 4294967294u},
-                                                                        {{"--lang", "--uid", "5"}, 0}};
+    const std::pair<const char*, std::uint32_t> cases[] = {
+        {"--uid 12x", 0},      {"--uid 501 --uid 12x", 501},     {"--uid 501 --uid 0", 0},
+        {"--uid +5", 0},       {"--uid 4294967295", 0},          {"--uid", 0},
+        {"--lang --uid 5", 0}, {"--uid 4294967294", 0xfffffffe},
+    };
     for (const auto& [options, uid] : cases) {
         RecordingProcess root(0, 0);
-        EXPECT_EQ(Run(root, options), uid) << ::testing::PrintToString(options);
+        EXPECT_EQ(Run(root, options), uid) << options;
     }
     // Handed over from a user's start: that user started it.
     RecordingProcess handedOver(0, 0);
     handedOver.fromDescriptor = true;
-    EXPECT_EQ(Run(handedOver, {"--uid", "501"}), 501u);
+    EXPECT_EQ(Run(handedOver, "--uid 501"), 501u);
     EXPECT_EQ(QVK_Framework_SetuidStartingUser, 501u);
 }
 

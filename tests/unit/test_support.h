@@ -9,20 +9,9 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
-#include <optional>
-#include <sstream>
-#include <string>
-#include <tuple>
-#include <type_traits>
-#include <utility>
-#include <vector>
 
 #include "framework/log/logging.h"
 #include "platform/bundle.h"
@@ -39,34 +28,22 @@
 namespace qvk::test {
 
 // A fresh folder, removed with everything in it.
-class TempDir {
-public:
-    TempDir() {
-        std::string pattern = (std::filesystem::temp_directory_path() / "qvk-test-XXXXXX").string();
-        path_ = mkdtemp(pattern.data()) ? pattern : std::string();
-        if (path_.empty()) ADD_FAILURE() << "mkdtemp failed";
+struct TempDir {
+    TempDir() : path_((std::filesystem::temp_directory_path() / "qvk-test-XXXXXX").string()) {
+        if (!mkdtemp(path_.data())) ADD_FAILURE() << "mkdtemp failed";
     }
-    ~TempDir() {
-        std::error_code ignored;
-        std::filesystem::remove_all(path_, ignored);
-    }
+    ~TempDir() { std::filesystem::remove_all(path_, ignored_); }
     const std::string& path() const { return path_; }
-
-private:
     std::string path_;
+    std::error_code ignored_;
 };
 
 // Gives a global another value while it lives.
 template <class T>
-class Scoped {
-public:
+struct Scoped {
     Scoped(T& global, std::type_identity_t<T> value)
         : global_(global), saved_(std::exchange(global, std::move(value))) {}
     ~Scoped() { global_ = std::move(saved_); }
-    Scoped(const Scoped&) = delete;
-    Scoped& operator=(const Scoped&) = delete;
-
-private:
     T& global_;
     T saved_;
 };
@@ -127,16 +104,6 @@ inline void UsePrivateTmp() {
     done = true;
 }
 
-// The sample package of the repository, copied into `folder` with an empty Launcher.app inside;
-// gives the application's path.
-inline std::string CopySampleApp(const std::string& folder) {
-    std::string app = folder + "/Quorvik Connect.app";
-    std::filesystem::copy(std::filesystem::path(__FILE__).parent_path() / "../../sample/Quorvik Connect.app", app,
-                          std::filesystem::copy_options::recursive);
-    std::filesystem::create_directories(app + "/Launcher.app");
-    return app;
-}
-
 // The matching dictionary of one USB vendor and product pair.
 inline Value UsbMatching(int vendor, int product) {
     return Value(Dictionary{{platform::kProviderClassKey, Value(platform::kUsbDeviceClass)},
@@ -145,21 +112,19 @@ inline Value UsbMatching(int vendor, int product) {
 }
 
 // Records the commands it is given instead of running them.
-class RecordingShell : public platform::Shell {
-public:
-    int System(const std::string& command) override {
-        commands.push_back(command);
-        return 0;
-    }
+struct RecordingShell : platform::Shell {
+    int System(const std::string& command) override { return Record(command); }
     int SystemAsUser(const std::string& command, std::uint32_t user) override {
-        commands.push_back(command);
         users.push_back(user);
-        return 0;
+        return Record(command);
     }
     std::optional<std::string> Output(const std::string& command, int& status) override {
-        commands.push_back(command);
-        status = 0;
+        status = Record(command);
         return "";
+    }
+    int Record(const std::string& command) {
+        commands.push_back(command);
+        return 0;
     }
     std::vector<std::string> commands;
     // The users of the commands run as a user, in order.
@@ -171,73 +136,60 @@ struct ImageReplaced {};
 
 // Records every call that changes the process, a descriptor shown as "<fd>"; the ids follow
 // setuid as the kernel's would for the super-user.
-class RecordingProcess : public platform::ProcessIdentity {
-public:
+struct RecordingProcess : platform::ProcessIdentity {
     RecordingProcess(std::uint32_t real, std::uint32_t effective) : real_(real), effective_(effective) {}
     std::uint32_t RealUserID() override { return real_; }
     std::uint32_t EffectiveUserID() override { return effective_; }
     int BecomeUser(std::uint32_t uid) override {
-        calls.push_back(Format("become %u", uid));
         real_ = effective_ = uid;
-        return 0;
+        return Record(Format("become %u", uid));
     }
     bool StartedFromDescriptor() override { return fromDescriptor; }
     int ChangeOwner(int fd, std::uint32_t uid, std::uint32_t gid) override {
-        calls.push_back(Format("chown %u:%u <%d>", uid, gid, fd));
-        return 0;
+        return Record(Format("chown %u:%u <%d>", uid, gid, fd));
     }
-    int ChangeMode(int fd, mode_t mode) override {
-        calls.push_back(Format("chmod %o <%d>", mode, fd));
-        return 0;
-    }
-    int Execute(int fd, char* const argv[], char* const envp[]) override {
-        calls.push_back(Format("execve <%d>", fd));
-        for (char* const* a = argv; *a; ++a) arguments.push_back(*a);
-        for (char* const* e = envp; *e; ++e) environment.push_back(*e);
+    int ChangeMode(int fd, mode_t mode) override { return Record(Format("chmod %o <%d>", mode, fd)); }
+    int Execute(int fd, char* const argv[], char* const[]) override {
+        Record(Format("execve <%d>", fd));
+        for (char* const* a = argv; *a; ++a) arguments += (a == argv ? "" : " ") + std::string(*a);
         if (failExecute) return -1;
         throw ImageReplaced{};
     }
 
-    std::vector<std::string> calls, arguments, environment;
+    std::vector<std::string> calls;
+    // The arguments of the new image, separated by blanks.
+    std::string arguments;
     bool failExecute = false;
     bool fromDescriptor = false;
-
-private:
     std::uint32_t real_, effective_;
+    int Record(std::string call) {
+        calls.push_back(std::move(call));
+        return 0;
+    }
 };
 
 // Each reading is 10 s after the previous one, so the launch debounce never drops a request.
-class SteppingClock : public platform::Clock {
-public:
+struct SteppingClock : platform::Clock {
     double Now() override { return now += 10; }
     double now = 0;
 };
 
-class FakeHome : public platform::Home {
-public:
-    explicit FakeHome(std::string path) : path_(std::move(path)) {}
-    std::string HomeDirectory() override { return path_; }
-
-private:
-    std::string path_;
+struct FakeHome : platform::Home {
+    explicit FakeHome(std::string home) : path(std::move(home)) {}
+    std::string HomeDirectory() override { return path; }
+    std::string path;
 };
 
-class FakeBundle : public platform::Bundle {
-public:
+struct FakeBundle : platform::Bundle {
     explicit FakeBundle(std::string bundle) : bundle_(std::move(bundle)) {}
     std::string MainBundlePath() override { return bundle_; }
     std::string MainExecutablePath() override { return bundle_ + "/Contents/MacOS/Launcher"; }
-    int MainExecutable() override { return executable; }
-
     // Stands for a descriptor; nothing is opened.
-    int executable = 42;
-
-private:
+    int MainExecutable() override { return 42; }
     std::string bundle_;
 };
 
-class FakeGestalt : public platform::Gestalt {
-public:
+struct FakeGestalt : platform::Gestalt {
     explicit FakeGestalt(std::optional<std::uint32_t> number, platform::VersionTriple parts = {10, 5, 8})
         : number_(number), parts_(parts) {}
     std::optional<std::uint32_t> SystemVersion() override { return number_; }
@@ -246,21 +198,18 @@ public:
         return std::tie(parts_.major, parts_.minor, parts_.bugfix) >= std::tie(v.major, v.minor, v.bugfix);
     }
     std::string OperatingSystemVersionString() override { return "Version test"; }
-
-private:
     std::optional<std::uint32_t> number_;
     platform::VersionTriple parts_;
 };
 
 // Receives the main logger's entries, registered as the custom logger class while it lives.
-class CapturingLogger : public QVK_Framework_CustomLoggerClass {
-public:
+struct CapturingLogger : QVK_Framework_CustomLoggerClass {
     struct Entry {
         std::optional<std::string> message;
         std::string type, file, function;
         std::uint32_t line;
     };
-    explicit CapturingLogger(bool performLogging = true) : perform_(performLogging) {
+    CapturingLogger() {
         QVK_Framework_RegisterClass("QVK_Framework_CustomLogger", *this);
         log::ResetCustomLoggerForTesting();
     }
@@ -268,7 +217,7 @@ public:
         QVK_Framework_UnregisterClass("QVK_Framework_CustomLogger");
         log::ResetCustomLoggerForTesting();
     }
-    bool QVK_Framework_CustomLogger_PerformLogging() override { return perform_; }
+    bool QVK_Framework_CustomLogger_PerformLogging() override { return true; }
     void QVK_Framework_CustomLogger_LogMessage(const std::optional<std::string>& message, const char* type,
                                                const char* file, std::uint32_t line, const char* function) override {
         entries.push_back({message, type, file, function, line});
@@ -289,9 +238,6 @@ public:
         return out;
     }
     std::vector<Entry> entries;
-
-private:
-    bool perform_;
 };
 
 // Runs `body` in a forked child with the process's state as it is now, and gives the child's
