@@ -11,11 +11,7 @@
 
 namespace qvk::test {
 
-namespace {
-
 using Text = std::unique_ptr<gchar, decltype(&g_free)>;
-
-}  // namespace
 
 SimulatedUsbBus::SimulatedUsbBus() : testbed_(umockdev_testbed_new()) {}
 
@@ -28,21 +24,12 @@ std::string SimulatedUsbBus::Plug(const std::string& name, std::uint16_t vendor,
     char v[5], p[5];
     std::snprintf(v, sizeof v, "%04x", vendor);
     std::snprintf(p, sizeof p, "%04x", product);
-    return Add("usb", name, "", {"idVendor", v + std::string("\n"), "idProduct", p + std::string("\n")},
-               {"DEVTYPE", "usb_device", "PRODUCT", std::string(v) + "/" + p + "/0"});
-}
-
-std::string SimulatedUsbBus::Add(const std::string& subsystem, const std::string& name, const std::string& parent,
-                                 std::vector<std::string> attributes, std::vector<std::string> properties) {
-    std::vector<gchar*> a, p;
-    for (std::string& s : attributes) a.push_back(s.data());
-    for (std::string& s : properties) p.push_back(s.data());
-    a.push_back(nullptr);
-    p.push_back(nullptr);
     // Adding sends the device's "add" uevent.
-    Text syspath(umockdev_testbed_add_devicev(testbed_, subsystem.c_str(), name.c_str(),
-                                              parent.empty() ? nullptr : parent.c_str(), a.data(), p.data()),
-                 g_free);
+    Text syspath(
+        umockdev_testbed_add_device(testbed_, "usb", name.c_str(), nullptr, "idVendor", (v + std::string("\n")).c_str(),
+                                    "idProduct", (p + std::string("\n")).c_str(), nullptr, "DEVTYPE", "usb_device",
+                                    "PRODUCT", (std::string(v) + "/" + p + "/0").c_str(), nullptr),
+        g_free);
     if (!syspath) throw std::runtime_error("device " + name + " could not be added");
     return syspath.get();
 }
@@ -56,8 +43,7 @@ void RunWithUmockdevPreload(char** argv) {
     constexpr const char* kPreload = "libumockdev-preload.so.0";
     const char* current = std::getenv("LD_PRELOAD");
     if (current && std::strstr(current, kPreload)) return;
-    std::string preload = kPreload;
-    if (current && *current) preload += std::string(" ") + current;
+    std::string preload = kPreload + (current && *current ? " " + std::string(current) : "");
     setenv("LD_PRELOAD", preload.c_str(), 1);
     execv("/proc/self/exe", argv);
     std::perror("re-executing with the umockdev preload library");

@@ -5,7 +5,6 @@
 
 #include <cstdint>
 #include <string>
-#include <vector>
 
 typedef struct _UMockdevTestbed UMockdevTestbed;
 
@@ -23,13 +22,9 @@ public:
     // Adds a USB device (devtype usb_device) with these ids, announced by its "add" uevent; answers
     // its sysfs path.
     std::string Plug(const std::string& name, std::uint16_t vendor, std::uint16_t product);
-    // Adds any device below `parent` (a sysfs path; "" for none), attributes and properties given as
-    // name, value, name, value...; answers its sysfs path.
-    std::string Add(const std::string& subsystem, const std::string& name, const std::string& parent,
-                    std::vector<std::string> attributes, std::vector<std::string> properties);
     // Sends the device's "remove" uevent, then takes it out of sysfs.
     void Unplug(const std::string& syspath);
-    // For what only umockdev's own calls describe (device nodes, their ioctls).
+    // For what umockdev's own calls describe (devices of other kinds, device nodes).
     UMockdevTestbed* Testbed() const { return testbed_; }
 
 private:
