@@ -17,16 +17,12 @@ using ::testing::ElementsAre;
 constexpr std::uint32_t kNobody = 65534;
 
 // The commands run, and the signals sent as "kill <pid> <signal>"; "ps" answers with `listing`.
-class Switches : public RecordingShell, public platform::ProcessSignals {
-public:
+struct Switches : RecordingShell, platform::ProcessSignals {
     std::optional<std::string> Output(const std::string& command, int& status) override {
         RecordingShell::Output(command, status);
         return listing;
     }
-    int Kill(pid_t pid, int signal) override {
-        commands.push_back(Format("kill %d %d", pid, signal));
-        return 0;
-    }
+    int Kill(pid_t pid, int signal) override { return Record(Format("kill %d %d", pid, signal)); }
     std::string listing;
 };
 
@@ -34,21 +30,16 @@ public:
 // named Pkg.
 class Autostart : public ::testing::Test {
 protected:
-    void SetUp() override {
-        AutostartBundleOverride.reset();
-        MakeLauncher(bundle_.MainBundlePath());
-        std::filesystem::create_directories(home_.HomeDirectory());
-    }
+    void SetUp() override { MakeLauncher(bundle_.MainBundlePath()); }
     void TearDown() override {
         AutostartBundleOverride.reset();
         platform::SetHomeUser(0);
     }
-    static void MakeLauncher(const std::string& bundle) {
-        std::string script = bundle + "/Contents/MacOS/Launchd Skript";
-        WriteFile(script, "#!/bin/sh\n");
-        ASSERT_EQ(chmod(script.c_str(), 0755), 0);
+    static void MakeLauncher(const std::string& bundle, mode_t mode = 0755) {
+        WriteFile(bundle + "/Contents/MacOS/Launchd Skript", "#!/bin/sh\n");
+        ASSERT_EQ(chmod((bundle + "/Contents/MacOS/Launchd Skript").c_str(), mode), 0);
     }
-    std::string Agent() { return home_.HomeDirectory() + "/Library/LaunchAgents/Pkg.plist"; }
+    std::string Agents() { return home_.path + "/Library/LaunchAgents"; }
 
     Scoped<std::string> name_{QVK_Framework_ApplicationName, "Pkg"};
     TempDir dir_;
@@ -64,10 +55,13 @@ protected:
     platform::Replace<platform::Gestalt> useGestalt_{gestalt_};
 };
 
-TEST_F(Autostart, TheAgentIsAnXmlPropertyListWithExactlyFiveKeysAndIsReplacedWhole) {
+TEST_F(Autostart, TheAgentHasExactlyFiveKeysIsReplacedWholeAndSwitchingOffEndsTheLaunchersOfThisBundle) {
+    QVK_Framework_Autostart_Tidyup().QVK_Framework_Tidyup_Action(true);
+    EXPECT_FALSE(std::filesystem::exists(home_.path + "/Library")) << "no folder is made to remove nothing";
     std::string bundle = bundle_.MainBundlePath();
     ASSERT_TRUE(QVK_Framework_Autostart_Set(true));
-    EXPECT_EQ(ReadFile(Agent()),
+    ASSERT_TRUE(QVK_Framework_Autostart_Set(true));
+    EXPECT_EQ(ReadFile(Agents() + "/Pkg.plist"),
               "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
               "<!DOCTYPE plist PUBLIC \"-//Apple//DTD PLIST 1.0//EN\" "
               "\"http://www.apple.com/DTDs/PropertyList-1.0.dtd\">\n"
@@ -77,100 +71,84 @@ TEST_F(Autostart, TheAgentIsAnXmlPropertyListWithExactlyFiveKeysAndIsReplacedWho
                   "/Contents/MacOS/Launchd Skript</string>\n\t<key>RunAtLoad</key>\n\t<true/>\n"
                   "\t<key>WorkingDirectory</key>\n\t<string>" +
                   bundle + "</string>\n</dict>\n</plist>\n");
-    EXPECT_EQ(OwnerAndMode(home_.HomeDirectory() + "/Library/LaunchAgents"), "0:0 755");
-    EXPECT_EQ(OwnerAndMode(Agent()), "0:0 644");
+    EXPECT_EQ(OwnerAndMode(Agents()), "0:0 755");
+    EXPECT_EQ(OwnerAndMode(Agents() + "/Pkg.plist"), "0:0 644");
+    EXPECT_EQ(FolderNames(Agents()), std::vector<std::string>{"Pkg.plist"}) << "no temporary file is left";
 
-    EXPECT_TRUE(QVK_Framework_Autostart_Set(true));
-    EXPECT_EQ(FolderNames(home_.HomeDirectory() + "/Library/LaunchAgents"), std::vector<std::string>{"Pkg.plist"})
-        << "the file is replaced whole, and no temporary file is left";
+    std::string target = bundle + "/Launcher.app/Contents/MacOS/Launcher", upper = target;
+    for (char& c : upper) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+    switches_.listing = "  PID COMMAND\n  101 " + target + "\n102 " + target + " --qvk-uninstall\n\t103\t" + upper +
+                        "X\n  104 " + bundle + "/Contents/MacOS/Launcher\n  105 /bin/sh -c " + target + "\n    0 " +
+                        target + "\n   -1 " + target + "\n  no " + target;
+    switches_.commands.clear();
+    QVK_Framework_Autostart_Tidyup().QVK_Framework_Tidyup_Action(true);
+    EXPECT_TRUE(std::filesystem::is_empty(Agents()));
+    EXPECT_THAT(switches_.commands, ElementsAre("/bin/launchctl remove \"QVK Pkg\"", "ps axww -o \"pid,command\"",
+                                                "kill 101 15", "kill 102 15", "kill 103 15"));
 }
 
-TEST_F(Autostart, NothingIsWrittenBefore10_4WithoutAnExecutableScriptOrForAPathThatIsNotUtf8) {
+TEST_F(Autostart, NothingIsWrittenBefore10_4WithoutAnExecutableScriptOrForAPathThatIsNoPlainText) {
     FakeGestalt tiger{0x103F};
     {
         platform::Replace<platform::Gestalt> useTiger{tiger};
         EXPECT_FALSE(QVK_Framework_Autostart_Set(true));
     }
-    AutostartBundleOverride = dir_.path() + "/Pkg\xff.app/Launcher.app";
-    MakeLauncher(*AutostartBundleOverride);
-    EXPECT_FALSE(QVK_Framework_Autostart_Set(true));
+    for (const char* name : {"/Pkg\xff.app/Launcher.app", "/Pkg\x01.app/Launcher.app"}) {
+        MakeLauncher(*(AutostartBundleOverride = dir_.path() + name));
+        EXPECT_FALSE(QVK_Framework_Autostart_Set(true)) << name;
+    }
     AutostartBundleOverride.reset();
-    ASSERT_EQ(chmod((bundle_.MainBundlePath() + "/Contents/MacOS/Launchd Skript").c_str(), 0644), 0);
+    MakeLauncher(bundle_.MainBundlePath(), 0644);
     EXPECT_FALSE(QVK_Framework_Autostart_Set(true));
-    EXPECT_FALSE(std::filesystem::exists(Agent()));
+    EXPECT_FALSE(std::filesystem::exists(Agents() + "/Pkg.plist"));
 }
 
 TEST_F(Autostart, TheSuperUserMakesTheAgentAsTheUserOnlyWhereTheUserMayWrite) {
     ASSERT_EQ(geteuid(), 0u) << "this test needs root to act as another user";
     ASSERT_EQ(chmod(dir_.path().c_str(), 0755), 0);
     platform::SetHomeUser(kNobody);
-    std::string home = home_.HomeDirectory();
     // A home folder the user may not write in (a HOME pointed at a system folder) gets nothing.
     EXPECT_FALSE(QVK_Framework_Autostart_Set(true));
-    EXPECT_FALSE(std::filesystem::exists(home + "/Library"));
+    EXPECT_FALSE(std::filesystem::exists(home_.path + "/Library"));
 
-    ASSERT_EQ(chown(home.c_str(), kNobody, kNobody), 0);
+    ASSERT_EQ(chown(home_.path.c_str(), kNobody, kNobody), 0);
     ASSERT_TRUE(QVK_Framework_Autostart_Set(true));
-    EXPECT_EQ(OwnerAndMode(Agent()), "65534:65534 644");
+    EXPECT_EQ(OwnerAndMode(Agents() + "/Pkg.plist"), "65534:65534 644");
     // A link in place of the agents folder is not followed.
-    std::string elsewhere = dir_.path() + "/elsewhere";
-    std::filesystem::create_directories(elsewhere);
-    std::filesystem::remove_all(home + "/Library/LaunchAgents");
-    std::filesystem::create_directory_symlink(elsewhere, home + "/Library/LaunchAgents");
+    std::filesystem::remove_all(Agents());
+    std::filesystem::create_directory_symlink(dir_.path(), Agents());
     EXPECT_FALSE(QVK_Framework_Autostart_Set(true));
-    EXPECT_TRUE(std::filesystem::is_empty(elsewhere));
-}
-
-TEST_F(Autostart, SwitchingOffRemovesTheAgentAndItsJobAndEndsTheLaunchersOfThisBundle) {
-    QVK_Framework_Autostart_Tidyup().QVK_Framework_Tidyup_Action(true);
-    EXPECT_FALSE(std::filesystem::exists(home_.HomeDirectory() + "/Library")) << "no folder is made to remove nothing";
-    switches_.commands.clear();
-    ASSERT_TRUE(QVK_Framework_Autostart_Set(true));
-    std::string target = bundle_.MainBundlePath() + "/Launcher.app/Contents/MacOS/Launcher";
-    std::string upper = target;
-    for (char& c : upper) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
-    switches_.listing = "  PID COMMAND\n  101 " + target + "\n102 " + target + " --qvk-uninstall\n\t103\t" + upper +
-                        "X\n  104 " + bundle_.MainBundlePath() + "/Contents/MacOS/Launcher\n  105 /bin/sh -c " +
-                        target + "\n    0 " + target + "\n   -1 " + target + "\n  no " + target;
-    QVK_Framework_Autostart_Tidyup().QVK_Framework_Tidyup_Action(true);
-    EXPECT_FALSE(std::filesystem::exists(Agent()));
-    EXPECT_THAT(switches_.commands, ElementsAre("/bin/launchctl remove \"QVK Pkg\"", "ps axww -o \"pid,command\"",
-                                                "kill 101 15", "kill 102 15", "kill 103 15"));
+    EXPECT_FALSE(std::filesystem::exists(dir_.path() + "/Pkg.plist"));
 }
 
 TEST_F(Autostart, TheLaunchdCommandIsRefusedWhenTheNameCouldLeaveItsQuotesOrTheCommandWouldNotFit) {
-    const std::string prefix = "/bin/launchctl remove \"QVK ";
-    // 1023 bytes and the terminating zero fill the buffer exactly.
-    for (const std::string& name : {std::string(1023 - prefix.size() - 1, 'n'), std::string(1023 - prefix.size(), 'n'),
-                                    std::string("Pkg\" ; rm -rf / \"")}) {
+    // With the prefix `/bin/launchctl remove "QVK `, 1023 bytes and the terminating zero fill the buffer.
+    for (const std::string& name : {std::string(995, 'n'), std::string(996, 'n'), std::string("Pkg\" ; rm -rf / \"")}) {
         switches_.commands.clear();
         QVK_Framework_ApplicationName = name;
         KillLauncher();
-        EXPECT_EQ(switches_.commands.front().starts_with("/bin/launchctl"), name.size() == 1023 - prefix.size() - 1);
+        EXPECT_EQ(switches_.commands.front().starts_with("/bin/launchctl"), name.size() == 995);
     }
     EXPECT_EQ(logger_.MessagesOf("KillLauncher").size(), 2u);
 }
 
 TEST_F(Autostart, LoginItemsCountOnlyBefore10_4ThenTheAgentDecides) {
-    auto loginItems = [&](const Value& item) {
-        WriteFile(home_.HomeDirectory() + "/Library/Preferences/loginwindow.plist",
-                  platform::XmlPropertyList(Value(Dictionary{{"AutoLaunchedApplicationDictionary", Array{item}}})));
+    auto enabledBy = [&](const Value& item) {
+        WritePlist(home_.path + "/Library/Preferences/loginwindow.plist",
+                   {{"AutoLaunchedApplicationDictionary", Array{item}}});
+        return QVK_Framework_Autostart_IsEnabled();
     };
     FakeGestalt panther{0x1039};
     {
         platform::Replace<platform::Gestalt> usePanther{panther};
-        loginItems(Value(Dictionary{{"QVK Launcher Launcher", Value(true)}}));
-        EXPECT_TRUE(QVK_Framework_Autostart_IsEnabled()) << "the marker key";
-        loginItems(Value(Dictionary{{"Path", Value("~/Apps/Pkg.app/Launcher.app")}}));
-        EXPECT_TRUE(QVK_Framework_Autostart_IsEnabled()) << "the path, tilde expanded";
-        loginItems(Value(Dictionary{{"Path", Value(bundle_.MainBundlePath() + "/")}}));
-        EXPECT_FALSE(QVK_Framework_Autostart_IsEnabled());
+        EXPECT_TRUE(enabledBy(Dictionary{{"QVK Launcher Launcher", true}})) << "the marker key";
+        EXPECT_TRUE(enabledBy(Dictionary{{"Path", "~/Apps/Pkg.app/Launcher.app"}})) << "the path, tilde expanded";
+        EXPECT_FALSE(enabledBy(Dictionary{{"Path", bundle_.MainBundlePath() + "/"}}));
     }
-    loginItems(Value(Dictionary{{"QVK Launcher Launcher", Value(true)}}));
-    EXPECT_FALSE(QVK_Framework_Autostart_IsEnabled()) << "from 10.4 on only the agent counts";
+    EXPECT_FALSE(enabledBy(Dictionary{{"QVK Launcher Launcher", true}})) << "from 10.4 on only the agent counts";
     ASSERT_TRUE(QVK_Framework_Autostart_Set(true));
     EXPECT_TRUE(QVK_Framework_Autostart_IsEnabled());
-    ASSERT_EQ(chmod((bundle_.MainBundlePath() + "/Contents/MacOS/Launchd Skript").c_str(), 0644), 0);
+    MakeLauncher(bundle_.MainBundlePath(), 0644);
     EXPECT_FALSE(QVK_Framework_Autostart_IsEnabled()) << "the agent's program must be executable";
 }
 
