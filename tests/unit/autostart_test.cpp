@@ -1,9 +1,11 @@
 // Autostart: the launchd agent file in a real temporary home folder, the login items read from a
-// real preferences file, and the commands and signals that switching off sends.
+// real preferences file, and the commands and signals that switching off sends; whether the
+// watched application folder is in the Trash, asked after real moves.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "framework/base/identity.h"
+#include "framework/basic/auto_cleanup.h"
 #include "framework/basic/autostart.h"
 #include "platform/home_user.h"
 #include "platform/process_signals.h"
@@ -150,6 +152,29 @@ TEST_F(Autostart, LoginItemsCountOnlyBefore10_4ThenTheAgentDecides) {
     EXPECT_TRUE(QVK_Framework_Autostart_IsEnabled());
     MakeLauncher(bundle_.MainBundlePath(), 0644);
     EXPECT_FALSE(QVK_Framework_Autostart_IsEnabled()) << "the agent's program must be executable";
+}
+
+TEST(TrashedApp, AnAncestorNamedDotTrashInAnyCaseAndAtAnyDepthCountsAndNothingElse) {
+    TempDir dir;
+    const std::filesystem::path before = std::filesystem::current_path();
+    // The first two are in the Trash; the folder's own name is not looked at.
+    const char* places[] = {"home/.Trash/Pkg.app", "home/.TRASH/Old/Stuff/Pkg.app", "Volumes/X/.Trashes/501/Pkg.app",
+                            "home/.Trash.old/Pkg.app", "home/Apps/.Trash"};
+    for (int i = 0; i < 5; ++i) {
+        std::string to = dir.path() + "/" + places[i];
+        std::string app = dir.path() + "/install/Pkg.app";
+        std::filesystem::create_directories(app + "/Launcher.app");
+        FakeBundle bundle(app + "/Launcher.app");
+        platform::Replace<platform::Bundle> useBundle(bundle);
+        auto watch = std::make_shared<QVK_Framework_AutoCleanup>();
+        ASSERT_TRUE(watch->init());
+        std::filesystem::create_directories(std::filesystem::path(to).parent_path());
+        std::filesystem::rename(app, to);
+        std::optional<std::string> path;
+        EXPECT_EQ(watch->QVK_Framework_AutoCleanup_IsTrashedApp(&path), i < 2) << to;
+        EXPECT_EQ(path, to);
+        EXPECT_EQ(std::filesystem::current_path(), before) << "the working directory is restored";
+    }
 }
 
 }  // namespace
