@@ -3,13 +3,13 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include <fstream>
 #include <future>
 #include <thread>
 
 #include "../unit/test_support.h"
 #include "platform/home_user.h"
 #include "platform/linux/system_version_file.h"
+#include "platform/unique_fd.h"
 
 namespace qvk::test {
 namespace {
@@ -18,13 +18,10 @@ using namespace std::string_literals;
 
 constexpr unsigned kNobody = 65534;
 
-// Creates the file; its owner, or "refused".
+// Creates the file; its owner and mode, or "refused".
 std::string MakeFile(const std::string& path) {
-    int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
-    if (fd < 0) return "refused";
-    close(fd);
-    struct stat st {};
-    return stat(path.c_str(), &st) == 0 ? std::to_string(st.st_uid) : "gone";
+    platform::UniqueFd fd(open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+    return fd.get() < 0 ? "refused" : OwnerAndMode(path);
 }
 
 TEST(HomeUser, OnlyTheGuardingThreadActsAsTheUserAndOnlyWhileTheGuardLives) {
@@ -44,43 +41,36 @@ TEST(HomeUser, OnlyTheGuardingThreadActsAsTheUserAndOnlyWhileTheGuardLives) {
         platform::AsHomeUser asUser;
         ASSERT_TRUE(asUser.Active());
         EXPECT_EQ(MakeFile(dir.path() + "/root-only"), "refused");
-        EXPECT_EQ(MakeFile(shared + "/mine"), "65534");
+        EXPECT_EQ(MakeFile(shared + "/mine"), "65534:65534 600");
         go.set_value();
         other.join();
-        EXPECT_EQ(otherThread, "0");
+        EXPECT_EQ(otherThread, "0:0 600");
         { platform::AsHomeUser inner; }
-        EXPECT_EQ(MakeFile(shared + "/after-inner"), "65534") << "an inner guard keeps the identity";
+        EXPECT_EQ(MakeFile(shared + "/after-inner"), "65534:65534 600") << "an inner guard keeps the identity";
     }
-    EXPECT_EQ(MakeFile(dir.path() + "/root-only"), "0");
+    EXPECT_EQ(MakeFile(dir.path() + "/root-only"), "0:0 600");
     // A user without an account gives no identity to act with.
     platform::SetHomeUser(3999999);
     EXPECT_FALSE(platform::AsHomeUser().Active());
     platform::SetHomeUser(0);
 }
 
-// A binary list of the given objects, each already encoded with one-byte references; the last is
-// the root. Offsets take two bytes.
-std::string BinaryList(const std::vector<std::string>& objects) {
-    std::string body, offsets;
-    for (const std::string& object : objects) {
+// `levels` arrays, each referring twice to the one below, over the text "x" (references of one
+// byte, offsets of two): the library copies a shared object at each reference, so the list expands
+// to 2^levels texts.
+std::string SharedArrays(int levels) {
+    std::string body = "\x51x", offsets{'\0', 8};
+    for (int i = 1; i <= levels; ++i) {
         offsets += {'\0', static_cast<char>(8 + body.size())};
-        body += object;
+        body += {'\xA2', static_cast<char>(i - 1), static_cast<char>(i - 1)};
     }
     std::string trailer(32, '\0');
     trailer[6] = 2;
     trailer[7] = 1;
-    trailer[15] = static_cast<char>(objects.size());
-    trailer[23] = static_cast<char>(objects.size() - 1);
+    trailer[15] = static_cast<char>(levels + 1);
+    trailer[23] = static_cast<char>(levels);
     trailer[31] = static_cast<char>(8 + body.size());
     return "bplist00" + body + offsets + trailer;
-}
-
-// `levels` arrays, each referring twice to the one below, over the text "x": the library copies a
-// shared object at each reference, so the list expands to 2^levels texts.
-std::string SharedArrays(int levels) {
-    std::vector<std::string> objects{"\x51x"};
-    for (int i = 1; i <= levels; ++i) objects.push_back({'\xA2', static_cast<char>(i - 1), static_cast<char>(i - 1)});
-    return BinaryList(objects);
 }
 
 TEST(PropertyList, ListsAreReadWholeAndHostileOnesRefused) {
@@ -88,11 +78,7 @@ TEST(PropertyList, ListsAreReadWholeAndHostileOnesRefused) {
     for (int i = 0; i < 3; ++i) expanded = Value(Array{expanded, expanded});
     EXPECT_EQ(platform::ParsePropertyList(SharedArrays(3)), expanded);
     EXPECT_EQ(platform::ParsePropertyList(SharedArrays(40)), std::nullopt);
-    // A NUL ends a text; a UTF-16 key holding one, which the library cannot read, refuses the list.
-    const std::string utf16 = "\x63\0a\0\0\0b"s;
-    EXPECT_EQ(platform::ParsePropertyList(BinaryList({"\x51k", utf16, "\xD1\x00\x01"s})),
-              Value(Dictionary{{"k", Value("a")}}));
-    EXPECT_EQ(platform::ParsePropertyList(BinaryList({utf16, "\x51v", "\xD1\x00\x01"s})), std::nullopt);
+    // A NUL ends a text.
     TempDir dir;
     WriteFile(dir.path() + "/nul.plist", "<plist><dict><key>k</key><string>a\0b</string></dict></plist>"s);
     EXPECT_EQ(platform::ReadPropertyList(dir.path() + "/nul.plist"), Value(Dictionary{{"k", Value("a")}}));
