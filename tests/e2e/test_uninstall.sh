@@ -103,6 +103,7 @@ expect_trashed_data "$before" "$after"
 expect_no_line "$PREFERENCES" "<string>$SERVICE</string>"
 for line in "uid: 0 euid: 0" "uid: $USER_ID euid: $USER_ID"; do expect_count 1 "$(main_log)" "Launcher_PerformCleanup: $line"; done
 expect_count 1 "$(main_log)" "Launcher_DeleteApp: $APP"
+expect_no_line "$(main_log)" "rename failed"
 
 scenario "the question declined, even with the no-launch marker: status 0 and nothing changed"
 marker "$USER_HOME/.Quorvik-NoLaunch-Brisel"
