@@ -15,12 +15,16 @@ TEST(Localizations, BundleLanguagesFollowTheUsersOrderAcrossTheLocaleVariablesEl
     TempDir folder;
     FakeBundle bundle{folder.path() + "/Launcher.app"};
     LanguageEnvironment languages;
+    const std::string contents = bundle.MainBundlePath() + "/Contents";
     for (const char* language : {"de", "en", "fr", "fr_FR", "English"})
-        std::filesystem::create_directories(bundle.MainBundlePath() + "/Contents/Resources/" + language + ".lproj");
-    WriteFile(bundle.MainBundlePath() + "/Contents/Resources/es.lproj", "a file, not a folder");
+        std::filesystem::create_directories(contents + "/Resources/" + language + ".lproj");
     languages.Set("LANG", "C.UTF-8");
-    EXPECT_THAT(bundle.PreferredLocalizations(), IsEmpty());
-    WritePlist(bundle.MainBundlePath() + "/Contents/Info.plist", {{"CFBundleDevelopmentRegion", "English"}});
+    WritePlist(contents + "/Info.plist", {{"CFBundleDevelopmentRegion", "Welsh"}});
+    EXPECT_THAT(bundle.PreferredLocalizations(), IsEmpty()) << "a development region without its folder";
+    // Among given codes English stands in for a user who names none of them.
+    EXPECT_THAT(bundle.PreferredLocalizationsFrom({"de", "en"}), ElementsAre("en"));
+    EXPECT_THAT(bundle.PreferredLocalizationsFrom({"de"}), IsEmpty());
+    WritePlist(contents + "/Info.plist", {{"CFBundleDevelopmentRegion", "English"}});
     EXPECT_THAT(bundle.PreferredLocalizations(), ElementsAre("English"));
     languages.Set("LANG", "fr_FR.UTF-8@euro");
     EXPECT_THAT(bundle.PreferredLocalizations(), ElementsAre("fr_FR", "fr"));
@@ -29,17 +33,6 @@ TEST(Localizations, BundleLanguagesFollowTheUsersOrderAcrossTheLocaleVariablesEl
     languages.Set("LC_MESSAGES", "en_GB.UTF-8");
     languages.Set("LC_ALL", "fr.ISO-8859-1");
     EXPECT_THAT(bundle.PreferredLocalizations(), ElementsAre("de", "fr", "en", "fr_FR"));
-}
-
-TEST(Localizations, AmongGivenCodesTheUsersChoiceElseEnglishElseNothing) {
-    FakeBundle bundle{"/nonexistent/Launcher.app"};
-    LanguageEnvironment languages;
-    std::vector<std::string> available{"de", "en", "es", "fr"};
-    EXPECT_THAT(bundle.PreferredLocalizationsFrom(available), ElementsAre("en"));
-    languages.Set("LANG", "POSIX");
-    languages.Set("LANGUAGE", "pt_BR:es_ES:fr");
-    EXPECT_THAT(bundle.PreferredLocalizationsFrom(available), ElementsAre("es", "fr"));
-    EXPECT_THAT(bundle.PreferredLocalizationsFrom({"de", "it"}), IsEmpty());
 }
 
 }  // namespace
