@@ -89,7 +89,8 @@ TEST(UsbRegistry, PresentDevicesComeWithTheIteratorLaterOnesInBatchesAndOnlyADra
     EXPECT_EQ(Drain(lazyIt), "lazy2 lazy3");
     EXPECT_THAT(terminated.batches, ElementsAre("first"));
 
-    // The class alone matches every device.
+    // Only dictionaries of the USB device class are taken; the class alone matches every device.
+    EXPECT_FALSE(arm(*port, kPublishNotification, *Registry().ServiceMatching("IOMedia"), lazy));
     ASSERT_TRUE(arm(*port, kPublishNotification, *Registry().ServiceMatching(platform::kUsbDeviceClass), lazy));
     EXPECT_EQ(Drain(it), "lazy1 lazy2 lazy3 other second third");
 }
