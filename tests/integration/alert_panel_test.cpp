@@ -1,10 +1,6 @@
 // The alert panel against real zenity under Xvfb and on a real pseudo-terminal.
 #include <poll.h>
 #include <pty.h>
-#include <sys/wait.h>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <cstdio>
 #include <future>
@@ -17,7 +13,6 @@ namespace qvk::test {
 namespace {
 
 using platform::AlertPanel;
-using ::testing::HasSubstr;
 
 constexpr unsigned kNobody = 65534;
 
@@ -27,14 +22,14 @@ std::string Describe(const platform::AlertAnswer& answer) {
            (answer.asked ? "asked" : "not asked") + " " + answer.detail;
 }
 
-// xdotool's first line of output on the current display (`args` are shell words), or empty when it fails.
+// xdotool's first line of output on the current display (`args` are shell words).
 std::string Xdotool(const std::string& args) {
-    FILE* out = popen(("timeout 20 xdotool " + args).c_str(), "r");
-    if (!out) return "";
     char line[256] = "";
-    bool got = std::fgets(line, sizeof line, out) != nullptr;
-    std::string text = pclose(out) == 0 && got ? line : "";
-    return text.substr(0, text.find('\n'));
+    if (FILE* out = popen(("timeout 20 xdotool " + args).c_str(), "r")) {
+        if (!std::fgets(line, sizeof line, out)) line[0] = '\0';
+        pclose(out);
+    }
+    return std::string(line, std::strcspn(line, "\n"));
 }
 
 class AlertPanelOnDisplay : public ::testing::Test {
@@ -87,6 +82,7 @@ TEST_F(AlertPanelOnDisplay, TheTitleIsShownVerbatimReturnGivesTheDefaultAndTabRe
     EXPECT_NE(access("/tmp/qvk-owned", F_OK), 0);
     EXPECT_EQ(Show("Quorvik alternate", "Tab Return"), "alternate asked zenity");
 }
+
 // What a panel did in a child of its own session, with a pseudo-terminal as its controlling
 // terminal (or none): the screen and the answer.
 std::pair<std::string, std::string> OnTerminal(bool withTerminal, const std::optional<std::string>& alternate,
@@ -123,12 +119,9 @@ TEST(AlertPanelOnTerminal, TakesOnlyTheAlternateLabelInAnyCaseAsTheAlternateAnsw
     auto [screen, result] = OnTerminal(true, "Zap", "  zAP \n");
     EXPECT_EQ(result, "alternate asked terminal");
     // The escape sequence in the title reaches the terminal defused.
-    EXPECT_THAT(screen, HasSubstr("Quorvik?[2J"));
-    EXPECT_THAT(screen, HasSubstr("Do you really want to deinstall Quorvik?"));
-    EXPECT_THAT(screen, HasSubstr("(Zap / No, Return: No) "));
+    EXPECT_EQ(screen, "\r\nQuorvik?[2J\r\n\r\nDo you really want to deinstall Quorvik?\r\n\r\n(Zap / No, Return: No) ");
     for (const std::string& typed : {std::string("\n"), std::string("z\n"), std::string(300, 'x') + "Zap\n"})
         EXPECT_EQ(OnTerminal(true, "Zap", typed).second, "default asked terminal") << typed;
-    EXPECT_EQ(OnTerminal(true, std::nullopt, "\n").second, "default asked terminal");
     EXPECT_EQ(OnTerminal(false, "Zap", "").second, "default not asked no display and no terminal");
 }
 

@@ -1,14 +1,9 @@
 // The kernel event queue on inotify and epoll, and the file monitor on it, against real folders.
 #include <pthread.h>
 #include <signal.h>
-#include <sys/stat.h>
 #include <sys/time.h>
 
-#include <gtest/gtest.h>
-
 #include <cerrno>
-#include <cstring>
-#include <filesystem>
 
 #include "../unit/test_support.h"
 #include "framework/filesystem/file_monitor.h"
@@ -46,19 +41,16 @@ TEST(KernelQueue, AFolderIsFollowedThroughMovesAndItsDeletionIsSeenWhileItIsOpen
     ASSERT_EQ(rename((d + "/renamed").c_str(), (d + "/other/moved").c_str()), 0);
     EXPECT_EQ(wait(kNoWait), Notes{platform::kNoteRename});
     EXPECT_EQ(wait(kNoWait), Notes{});
-    // A sibling's removal is not the folder's. A handler without SA_RESTART, as glibc's own when it
-    // changes the ids of every thread, interrupts the wait again and again: it goes on to its end.
+    // A sibling's removal is not the folder's. A signal's handler (as glibc's own when it changes the
+    // ids of every thread) interrupts the wait again and again, whatever its flags: it goes on to its end.
     ASSERT_EQ(mkdir((d + "/other/sibling").c_str(), 0755), 0);
     ASSERT_EQ(rmdir((d + "/other/sibling").c_str()), 0);
-    struct sigaction action {
-    }, previous{};
-    action.sa_handler = [](int) {};
-    ASSERT_EQ(sigaction(SIGALRM, &action, &previous), 0);
+    auto previous = signal(SIGALRM, [](int) {});
     itimerval every{{0, 20000}, {0, 20000}}, off{};
     ASSERT_EQ(setitimer(ITIMER_REAL, &every, nullptr), 0);
     EXPECT_EQ(wait(kSecond), Notes{}) << std::strerror(errno);
     setitimer(ITIMER_REAL, &off, nullptr);
-    sigaction(SIGALRM, &previous, nullptr);
+    signal(SIGALRM, previous);
     // The folder's own removal in its new place is.
     ASSERT_EQ(rmdir((d + "/other/moved").c_str()), 0);
     EXPECT_EQ(wait(kSecond), Notes{platform::kNoteDelete});

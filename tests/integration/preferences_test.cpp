@@ -1,13 +1,10 @@
 // Preference files on disk: the system network preferences with the writers' lock across
 // processes, and a key removed from a user-defaults file in place with its owner and mode; never
 // through a link, never created for nothing.
-#include <gtest/gtest.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
 
+#include "platform/preferences.h"
 #include "../unit/test_support.h"
 #include "platform/linux/system_preferences_file.h"
-#include "platform/preferences.h"
 
 namespace qvk::test {
 namespace {
@@ -30,9 +27,8 @@ TEST(SystemPreferencesFile, TheLockWaitsForAnotherWritersCommitAStaleReferenceSa
         bool ok = other && other->Lock(true) && write(locked[1], "x", 1) == 1 && read(go[0], &c, 1) == 1;
         // Holds the lock a while, so the parent is blocked in its lock when this writer saves.
         usleep(200 * 1000);
-        _exit(ok && other->PathSetValue("/Sets/HOME/OTHER", Dictionary{}) && other->CommitChanges() && other->Unlock()
-                  ? 0
-                  : 1);
+        ok = ok && other->PathSetValue("/Sets/HOME/OTHER", Dictionary{}) && other->CommitChanges() && other->Unlock();
+        _exit(ok ? 0 : 1);
     }
     char c;
     ASSERT_EQ(read(locked[0], &c, 1), 1);
@@ -40,22 +36,21 @@ TEST(SystemPreferencesFile, TheLockWaitsForAnotherWritersCommitAStaleReferenceSa
     ASSERT_EQ(write(go[1], "x", 1), 1);
     ASSERT_TRUE(prefs->Lock(true));
     EXPECT_FALSE(store.Create("third")->Lock(false)) << "the lock went with the replaced file";
-    // The other writer's change is seen and kept; this one's is added to it; the stale one saves nothing.
     ASSERT_TRUE(prefs->PathRemoveValue("/Sets/HOME/MODEM") && prefs->CommitChanges() && prefs->Unlock());
     int status = 0;
     ASSERT_EQ(waitpid(child, &status, 0), child);
     EXPECT_EQ(status, 0);
     for (int fd : {locked[0], locked[1], go[0], go[1]}) close(fd);
+    // This writer saw the other's change and kept it; the stale reference saves nothing.
     EXPECT_FALSE(stale->Lock(true) || stale->CommitChanges());
     EXPECT_EQ(platform::ReadPropertyList(path), Value(Sets({{"OTHER", Dictionary{}}})));
     // A link or a pipe at the lock's name is not opened, so nothing is created or changed at its target.
-    for (bool link : {true, false}) {
-        std::filesystem::remove(path + "-lock");
-        ASSERT_EQ(link ? symlink((dir.path() + "/target").c_str(), (path + "-lock").c_str())
-                       : mkfifo((path + "-lock").c_str(), 0600),
-                  0);
-        EXPECT_FALSE(store.Create("test")->Lock(true));
-    }
+    std::filesystem::remove(path + "-lock");
+    std::filesystem::create_symlink(dir.path() + "/target", path + "-lock");
+    EXPECT_FALSE(store.Create("test")->Lock(true));
+    std::filesystem::remove(path + "-lock");
+    ASSERT_EQ(mkfifo((path + "-lock").c_str(), 0600), 0);
+    EXPECT_FALSE(store.Create("test")->Lock(true));
     EXPECT_FALSE(std::filesystem::exists(dir.path() + "/target"));
 }
 
@@ -64,10 +59,8 @@ TEST(UserDefaults, AKeyIsRemovedInPlaceKeepingOwnerAndModeAndNoFileIsMadeOrFollo
     TempDir dir;
     FakeHome home{dir.path()};
     platform::Replace<platform::Home> useHome{home};
-    auto remove = [](const std::string& domain) {
-        platform::Use<platform::Preferences>().RemoveObjectForKey(domain, "gone");
-    };
-    remove("com.quorvik.Launcher");
+    auto& prefs = platform::Use<platform::Preferences>();
+    prefs.RemoveObjectForKey("com.quorvik.Launcher", "gone");
     EXPECT_FALSE(std::filesystem::exists(dir.path() + "/Library")) << "no file is made to remove a key";
     std::string folder = dir.path() + "/Library/Preferences", launcher = folder + "/com.quorvik.Launcher.plist",
                 outside = dir.path() + "/outside.plist";
@@ -75,8 +68,8 @@ TEST(UserDefaults, AKeyIsRemovedInPlaceKeepingOwnerAndModeAndNoFileIsMadeOrFollo
     ASSERT_EQ(chown(launcher.c_str(), 65534, 65534) | chmod(launcher.c_str(), 0600), 0);
     WritePlist(outside, {{"gone", Value(true)}});
     std::filesystem::create_symlink(outside, folder + "/linked.plist");
-    remove("com.quorvik.Launcher");
-    remove("linked");
+    prefs.RemoveObjectForKey("com.quorvik.Launcher", "gone");
+    prefs.RemoveObjectForKey("linked", "gone");
     EXPECT_EQ(platform::ReadPropertyList(launcher), Value(Dictionary{{"kept", Value("x")}}));
     EXPECT_EQ(OwnerAndMode(launcher), "65534:65534 600");
     EXPECT_EQ(platform::ReadPropertyList(outside), Value(Dictionary{{"gone", Value(true)}}));
