@@ -12,8 +12,6 @@
 namespace qvk::test {
 namespace {
 
-using platform::AlertPanel;
-
 constexpr unsigned kNobody = 65534;
 
 // "default asked zenity": the button, whether anyone was asked, and how.
@@ -51,7 +49,7 @@ protected:
     }
     // Shows a Yes/No panel as nobody, finds it by its exact title, then types the keys.
     std::string Show(const std::string& title, const std::string& keys) {
-        AlertPanel& panel = platform::Use<AlertPanel>();
+        platform::AlertPanel& panel = platform::Use<platform::AlertPanel>();
         panel.SharedApplication(kNobody);
         auto answer = std::async(std::launch::async, [&] {
             return panel.RunAlertPanel(title, "Remove <b>all</b> & everything?", "No", "Yes");
@@ -94,7 +92,7 @@ std::pair<std::string, std::string> OnTerminal(bool withTerminal, const std::opt
         if (!withTerminal) setsid();
         unsetenv("DISPLAY");
         unsetenv("WAYLAND_DISPLAY");
-        AlertPanel& panel = platform::Use<AlertPanel>();
+        platform::AlertPanel& panel = platform::Use<platform::AlertPanel>();
         panel.SharedApplication(kNobody);
         std::string text = Describe(
             panel.RunAlertPanel("Quorvik\x1b[2J", "Do you really want to deinstall Quorvik?", "No", alternate));

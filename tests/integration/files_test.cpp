@@ -1,5 +1,5 @@
 // Files on the real kernel: the home user's file-system identity taken by one thread, property
-// lists and the system version file read through the library.
+// lists (binary ones from the fuzzing corpus) and the system version file read through the library.
 
 #include <future>
 #include <thread>
@@ -53,7 +53,13 @@ TEST(HomeUser, OnlyTheGuardingThreadActsAsTheUserAndOnlyWhileTheGuardLives) {
     platform::SetHomeUser(0);
 }
 
-TEST(PropertyList, ANulEndsATextAndAPipeIsNoList) {
+TEST(PropertyList, SharedObjectsAreCopiedWithinALimitANulEndsATextAndAPipeIsNoList) {
+    // Arrays each referring twice to the one below, over the text "x": 2^12 texts, and 2^29.
+    std::string samples = std::filesystem::path(__FILE__).parent_path().string() + "/../../fuzz/corpus/property_list/";
+    Value expanded("x");
+    for (int i = 0; i < 12; ++i) expanded = Value(Array{expanded, expanded});
+    EXPECT_EQ(platform::ReadPropertyList(samples + "shared.bplist"), expanded);
+    EXPECT_EQ(platform::ReadPropertyList(samples + "bomb.bplist"), std::nullopt);
     TempDir dir;
     WriteFile(dir.path() + "/nul.plist", "<plist><dict><key>k</key><string>a\0b</string></dict></plist>"s);
     EXPECT_EQ(platform::ReadPropertyList(dir.path() + "/nul.plist"), Value(Dictionary{{"k", Value("a")}}));
