@@ -135,9 +135,10 @@ TEST_F(Autostart, TheLaunchdCommandIsRefusedWhenTheNameCouldLeaveItsQuotesOrTheC
 }
 
 TEST_F(Autostart, LoginItemsCountOnlyBefore10_4ThenTheAgentDecides) {
-    auto enabledBy = [&](const Value& item) {
+    // The login items are a list; anything else is none.
+    auto enabledBy = [&](const Value& item, bool listed = true) {
         WritePlist(home_.path + "/Library/Preferences/loginwindow.plist",
-                   {{"AutoLaunchedApplicationDictionary", Array{item}}});
+                   {{"AutoLaunchedApplicationDictionary", listed ? Value(Array{item}) : item}});
         return QVK_Framework_Autostart_IsEnabled();
     };
     FakeGestalt panther{0x1039};
@@ -146,6 +147,7 @@ TEST_F(Autostart, LoginItemsCountOnlyBefore10_4ThenTheAgentDecides) {
         EXPECT_TRUE(enabledBy(Dictionary{{"QVK Launcher Launcher", true}})) << "the marker key";
         EXPECT_TRUE(enabledBy(Dictionary{{"Path", "~/Apps/Pkg.app/Launcher.app"}})) << "the path, tilde expanded";
         EXPECT_FALSE(enabledBy(Dictionary{{"Path", bundle_.MainBundlePath() + "/"}}));
+        EXPECT_FALSE(enabledBy(Dictionary{{"QVK Launcher Launcher", true}}, false));
     }
     EXPECT_FALSE(enabledBy(Dictionary{{"QVK Launcher Launcher", true}})) << "from 10.4 on only the agent counts";
     ASSERT_TRUE(QVK_Framework_Autostart_Set(true));
