@@ -52,6 +52,10 @@ TEST(SystemPreferencesFile, TheLockWaitsForAnotherWritersCommitAStaleReferenceSa
     ASSERT_EQ(mkfifo((path + "-lock").c_str(), 0600), 0);
     EXPECT_FALSE(store.Create("test")->Lock(true));
     EXPECT_FALSE(std::filesystem::exists(dir.path() + "/target"));
+    // A value that is no dictionary is not a folder of values.
+    std::filesystem::remove(path + "-lock");
+    WritePlist(path, Sets({{"MODEM", "text"}}));
+    EXPECT_FALSE(store.Create("test")->PathSetValue("/Sets/HOME/MODEM/SPEED", Dictionary{}));
 }
 
 TEST(UserDefaults, AKeyIsRemovedInPlaceKeepingOwnerAndModeAndNoFileIsMadeOrFollowed) {
