@@ -73,5 +73,19 @@ TEST(FileMonitor, ACreationThatFailsLeavesNothingOpen) {
     });
 }
 
+TEST(FileMonitor, AProcessWhoseWatchEndedExits) {
+    TempDir dir;
+    RunInChild([&] {
+        auto monitor = std::make_shared<QVK_Framework_FileMonitor>();
+        ASSERT_TRUE(monitor->QVK_Framework_FileMonitor_InitForName(dir.path(), kNotes));
+        // The stopper waits for ever once the worker took its order and left its loop.
+        std::thread([monitor] { monitor->KillThread(); }).detach();
+        usleep(200 * 1000);
+        // A hang at exit ends the child by the alarm, which fails the test.
+        alarm(60);
+        std::exit(0);
+    });
+}
+
 }  // namespace
 }  // namespace qvk::test

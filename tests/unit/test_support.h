@@ -151,7 +151,7 @@ struct RecordingProcess : platform::ProcessIdentity {
     int ChangeMode(int fd, mode_t mode) override { return Record(Format("chmod %o <%d>", mode, fd)); }
     int Execute(int fd, char* const argv[], char* const[]) override {
         Record(Format("execve <%d>", fd));
-        for (char* const* a = argv; *a; ++a) arguments += (a == argv ? "" : " ") + std::string(*a);
+        for (char* const* a = argv; *a; ++a) arguments.append(a == argv ? "" : " ").append(*a);
         if (failExecute) return -1;
         throw ImageReplaced{};
     }
