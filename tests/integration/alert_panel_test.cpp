@@ -39,7 +39,7 @@ protected:
         int display = -1;
         ASSERT_TRUE(xvfb_ && std::fscanf(xvfb_, "%d %d", &pid_, &display) == 2)
             << "Xvfb did not start (package xvfb, scripts/packages)";
-        setenv("DISPLAY", (":" + std::to_string(display)).c_str(), 1);
+        setenv("DISPLAY", std::string(":").append(std::to_string(display)).c_str(), 1);
         setenv("NO_AT_BRIDGE", "1", 1);
         unsetenv("WAYLAND_DISPLAY");
     }

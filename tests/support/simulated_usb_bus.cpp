@@ -43,7 +43,8 @@ void RunWithUmockdevPreload(char** argv) {
     constexpr const char* kPreload = "libumockdev-preload.so.0";
     const char* current = std::getenv("LD_PRELOAD");
     if (current && std::strstr(current, kPreload)) return;
-    std::string preload = kPreload + (current && *current ? " " + std::string(current) : "");
+    std::string preload = kPreload;
+    if (current && *current) preload.append(" ").append(current);
     setenv("LD_PRELOAD", preload.c_str(), 1);
     execv("/proc/self/exe", argv);
     std::perror("re-executing with the umockdev preload library");
