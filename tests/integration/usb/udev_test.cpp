@@ -6,7 +6,6 @@
 #include <umockdev.h>
 
 #include <cstdio>
-#include <regex>
 
 #include "../../unit/test_support.h"
 #include "framework/eject/eject.h"
@@ -164,8 +163,8 @@ std::size_t MainHeapInUse(CapturingLogger& logger, RecordingShell& shell) {
     std::fclose(stream);
     // The main arena is listed first: its size, less its free blocks (the fast bins and the rest).
     auto size = [&](const std::string& entry) {
-        std::smatch m;
-        return std::regex_search(report, m, std::regex(entry + "[^>]* size=\"([0-9]+)\"")) ? std::stoul(m[1]) : 0;
+        std::size_t tag = report.find(entry), at = report.find(" size=\"", tag);
+        return at < report.find('>', tag) ? std::stoul(report.substr(at + 7)) : 0;
     };
     return size("<system type=\"current\"") - size("<total type=\"fast\"") - size("<total type=\"rest\"");
 }
